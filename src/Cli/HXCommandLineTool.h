@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+// The command-line tool: a table of sub-commands, each with its usage line and summary. A command
+// gets its arguments (without the program and command names) and returns the exit status:
+// 0 on success, 1 for bad input after one line on standard error. Main thread only.
+class HXCommandLineTool {
+public:
+    struct Command {
+        QString name;
+        QString usage;
+        QString summary;
+        std::function<int(const QStringList &arguments)> run;
+    };
+
+    HXCommandLineTool();
+
+    int run(const QStringList &arguments);
+
+    // Output helpers shared by the commands.
+    static void writeOutput(const QByteArray &bytes);
+    // Writes "velmora-cli: <message>" as one line on standard error and returns 1.
+    static int fail(const QString &message);
+    // Reads a whole file, or standard input for "-" or an empty path.
+    static bool readInput(const QString &path, QByteArray *bytes, QString *failure);
+
+private:
+    void printHelp() const;
+
+    QList<Command> m_commands;
+};
