@@ -7,7 +7,7 @@
 
 namespace {
 
-struct Spec {
+struct Directive {
     QString flags;
     int width = -1;
     int precision = -1;
@@ -15,14 +15,14 @@ struct Spec {
 };
 
 // The C format of one conversion, with the given length modifier, for snprintf.
-std::string cFormat(const Spec &spec, const char *length, char conversion) {
+std::string cFormat(const Directive &directive, const char *length, char conversion) {
     std::string result = "%";
-    result += spec.flags.toStdString();
-    if (spec.width >= 0)
-        result += std::to_string(spec.width);
-    if (spec.precision >= 0) {
+    result += directive.flags.toStdString();
+    if (directive.width >= 0)
+        result += std::to_string(directive.width);
+    if (directive.precision >= 0) {
         result += '.';
-        result += std::to_string(spec.precision);
+        result += std::to_string(directive.precision);
     }
     result += length;
     result += conversion;
@@ -40,32 +40,32 @@ QString cFormatted(const std::string &format, T value) {
     return QString::fromLatin1(big.data(), n);
 }
 
-// Pads a text to the width of the specification, on the left unless the "-" flag is given.
-QString padded(const Spec &spec, QString text) {
-    if (spec.precision >= 0 && text.size() > spec.precision)
-        text.truncate(spec.precision);
-    if (spec.width > text.size()) {
-        const QString fill(spec.width - text.size(), u' ');
-        return spec.flags.contains(u'-') ? text + fill : fill + text;
+// Pads a text to the width of the directive, on the left unless the "-" flag is given.
+QString padded(const Directive &directive, QString text) {
+    if (directive.precision >= 0 && text.size() > directive.precision)
+        text.truncate(directive.precision);
+    if (directive.width > text.size()) {
+        const QString fill(directive.width - text.size(), u' ');
+        return directive.flags.contains(u'-') ? text + fill : fill + text;
     }
     return text;
 }
 
-QString convert(const Spec &spec, const HXFormatArgument &argument) {
+QString convert(const Directive &directive, const HXFormatArgument &argument) {
     const QVariant &value = argument.value();
-    const char c = char(spec.conversion.unicode());
+    const char c = char(directive.conversion.unicode());
     switch (c) {
     case '@':
     case 's':
-        return padded(spec, HXDescription(value));
+        return padded(directive, HXDescription(value));
     case 'd':
     case 'i':
-        return cFormatted(cFormat(spec, "ll", c), static_cast<long long>(value.toLongLong()));
+        return cFormatted(cFormat(directive, "ll", c), static_cast<long long>(value.toLongLong()));
     case 'u':
     case 'x':
     case 'X':
     case 'o':
-        return cFormatted(cFormat(spec, "ll", c),
+        return cFormatted(cFormat(directive, "ll", c),
                           static_cast<unsigned long long>(value.toULongLong()));
     case 'f':
     case 'F':
@@ -75,12 +75,12 @@ QString convert(const Spec &spec, const HXFormatArgument &argument) {
     case 'G':
     case 'a':
     case 'A':
-        return cFormatted(cFormat(spec, "", c), value.toDouble());
+        return cFormatted(cFormat(directive, "", c), value.toDouble());
     case 'c':
     case 'C':
-        return padded(spec, QString(QChar(char16_t(value.toUInt()))));
+        return padded(directive, QString(QChar(char16_t(value.toUInt()))));
     case 'p': {
-        Spec hex = spec;
+        Directive hex = directive;
         hex.precision = -1;
         return padded(hex, QStringLiteral("0x") + QString::number(value.toULongLong(), 16));
     }
@@ -111,10 +111,10 @@ QString HXStringWithFormatArguments(QStringView format, const QList<HXFormatArgu
             ++i;
             continue;
         }
-        Spec spec;
+        Directive directive;
         qsizetype j = i + 1;
         while (j < n && QStringView(u"-+ #0").contains(format[j]))
-            spec.flags += format[j++];
+            directive.flags += format[j++];
         auto readNumber = [&](int &target) {
             if (j < n && format[j] == u'*') {
                 target = next < arguments.size() ? arguments.at(next++).value().toInt() : 0;
@@ -127,11 +127,11 @@ QString HXStringWithFormatArguments(QStringView format, const QList<HXFormatArgu
                     target = target * 10 + format[j++].digitValue();
             }
         };
-        readNumber(spec.width);
+        readNumber(directive.width);
         if (j < n && format[j] == u'.') {
             ++j;
-            spec.precision = 0;
-            readNumber(spec.precision);
+            directive.precision = 0;
+            readNumber(directive.precision);
         }
         while (j < n && isLengthModifier(format[j]))
             ++j;
@@ -139,10 +139,10 @@ QString HXStringWithFormatArguments(QStringView format, const QList<HXFormatArgu
             result += format.mid(i);
             break;
         }
-        spec.conversion = format[j];
-        if (QStringView(u"@sdiuxXofFeEgGaAcCp").contains(spec.conversion)) {
+        directive.conversion = format[j];
+        if (QStringView(u"@sdiuxXofFeEgGaAcCp").contains(directive.conversion)) {
             if (next < arguments.size())
-                result += convert(spec, arguments.at(next++));
+                result += convert(directive, arguments.at(next++));
         } else {
             // Not a conversion we know: keep the text as it stands.
             result += format.mid(i, j - i + 1);
