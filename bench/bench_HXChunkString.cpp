@@ -5,15 +5,13 @@
 #include "Text/String/Implementation/HXChunkString.h"
 
 #include <benchmark/benchmark.h>
-
 #include <random>
 
 namespace {
 
 constexpr int paragraphCount = 100000;
 
-std::shared_ptr<HXChunkString> longString()
-{
+std::shared_ptr<HXChunkString> longString() {
     static std::shared_ptr<HXChunkString> string = [] {
         auto result = std::make_shared<HXChunkString>();
         std::mt19937 random(7);
@@ -28,8 +26,7 @@ std::shared_ptr<HXChunkString> longString()
 
 } // namespace
 
-static void BM_LookupNearStart(benchmark::State &state)
-{
+static void BM_LookupNearStart(benchmark::State &state) {
     const auto string = longString();
     quint64 index = 1234;
     for (auto _ : state) {
@@ -40,22 +37,21 @@ static void BM_LookupNearStart(benchmark::State &state)
 }
 BENCHMARK(BM_LookupNearStart);
 
-static void BM_LookupAnywhere(benchmark::State &state)
-{
+static void BM_LookupAnywhere(benchmark::State &state) {
     const auto string = longString();
     std::mt19937_64 random(11);
     const quint64 length = string->length();
     for (auto _ : state) {
         const quint64 index = random() % length;
-        benchmark::DoNotOptimize(string->chunkAtIndex(string->chunkIndexLessThanOrEqualToIndex(index)));
+        benchmark::DoNotOptimize(
+            string->chunkAtIndex(string->chunkIndexLessThanOrEqualToIndex(index)));
     }
 }
 BENCHMARK(BM_LookupAnywhere);
 
 // Replaces the third paragraph by one of another length, and back, so that every splice moves
 // all the keys behind it.
-static void spliceAt(benchmark::State &state, quint64 ordinal)
-{
+static void spliceAt(benchmark::State &state, quint64 ordinal) {
     const auto string = longString();
     quint64 key = 0;
     for (quint64 i = 0; i < ordinal; ++i)
@@ -72,15 +68,18 @@ static void spliceAt(benchmark::State &state, quint64 ordinal)
         string->replaceChunksInRange(HXRange{key, longer.length()}, {original});
 }
 
-static void BM_SpliceNearStart(benchmark::State &state) { spliceAt(state, 2); }
+static void BM_SpliceNearStart(benchmark::State &state) {
+    spliceAt(state, 2);
+}
 BENCHMARK(BM_SpliceNearStart);
 
-static void BM_SpliceInTheMiddle(benchmark::State &state) { spliceAt(state, paragraphCount / 2); }
+static void BM_SpliceInTheMiddle(benchmark::State &state) {
+    spliceAt(state, paragraphCount / 2);
+}
 BENCHMARK(BM_SpliceInTheMiddle);
 
 // A new paragraph typed near the start and removed again: the map grows and shrinks by one.
-static void BM_InsertAndRemoveNearStart(benchmark::State &state)
-{
+static void BM_InsertAndRemoveNearStart(benchmark::State &state) {
     const auto string = longString();
     const quint64 key = string->chunkIndexGreaterThanIndex(0);
     const HXChunk paragraph = QStringLiteral("A new paragraph.\n");

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Utilities/HXAssert.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QStandardPaths>
@@ -7,6 +9,7 @@
 #include <QTest>
 
 #include <cstdlib>
+#include <functional>
 #include <memory>
 
 // Every test program runs with HOME and the XDG folders inside a temporary folder of its own, and
@@ -33,6 +36,16 @@ inline void setUpEnvironment() {
 // A path in the test data folder, tests/data.
 inline QString dataPath(const QString &name) {
     return QString::fromLocal8Bit(qgetenv("VELMORA_TEST_DATA")) + u'/' + name;
+}
+
+// The text of the assertion that the block raises, or a null string when it raises none.
+inline QString assertionText(const std::function<void()> &block) {
+    try {
+        block();
+    } catch (const HXAssertionFailure &failure) {
+        return failure.text();
+    }
+    return QString();
 }
 
 } // namespace HXTestSupport

@@ -112,3 +112,14 @@ QString describe(const QVariant &value, int depth, bool inCollection) {
 QString HXDescription(const QVariant &value) {
     return describe(value, 0, false);
 }
+
+#include <cstdlib>
+#include <cxxabi.h>
+
+QString HXClassName(const std::type_info &type) {
+    int status = 0;
+    char *name = abi::__cxa_demangle(type.name(), nullptr, nullptr, &status);
+    const QString result = QString::fromLatin1(status == 0 && name ? name : type.name());
+    std::free(name);
+    return result;
+}

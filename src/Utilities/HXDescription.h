@@ -8,3 +8,8 @@
 // 4e>", dates as "2001-01-01 00:00:00 +0000", nothing as "(null)". Nested collections indent by
 // four.
 QString HXDescription(const QVariant &value);
+
+#include <typeinfo>
+
+// The readable name of a class, for descriptions: "HXChunkString", not its mangled form.
+QString HXClassName(const std::type_info &type);

@@ -14,11 +14,11 @@ namespace {
 // An immutable string object, standing in for the atoms of tags.
 class TestAtom : public HXStringObject {
 public:
-    explicit TestAtom(QString text) : m_text(std::move(text)) {}
+    explicit TestAtom(QString text)
+        : m_text(std::move(text)) {}
     quint64 length() const override { return quint64(m_text.size()); }
     QChar characterAtIndex(quint64 index) const override { return m_text.at(qsizetype(index)); }
-    void getCharacters(QChar *buffer, HXRange range) const override
-    {
+    void getCharacters(QChar *buffer, HXRange range) const override {
         std::copy_n(m_text.constData() + range.location, range.length, buffer);
     }
 
@@ -26,33 +26,25 @@ private:
     QString m_text;
 };
 
-HXChunk atom(const QString &text) { return HXChunk(std::make_shared<TestAtom>(text)); }
+HXChunk atom(const QString &text) {
+    return HXChunk(std::make_shared<TestAtom>(text));
+}
 
-std::shared_ptr<HXChunkString> chunkString(const QStringList &chunks)
-{
+std::shared_ptr<HXChunkString> chunkString(const QStringList &chunks) {
     auto string = std::make_shared<HXChunkString>();
     for (const QString &chunk : chunks)
         string->appendChunk(chunk);
     return string;
 }
 
-QList<quint64> keysOf(const HXChunkString &string)
-{
+QList<quint64> keysOf(const HXChunkString &string) {
     QList<quint64> keys{0};
     for (quint64 key = 0; (key = string.chunkIndexGreaterThanIndex(key)) != HXNotFound;)
         keys.append(key);
     return keys;
 }
 
-QString assertionText(const std::function<void()> &block)
-{
-    try {
-        block();
-    } catch (const HXAssertionFailure &failure) {
-        return failure.text();
-    }
-    return QString();
-}
+using HXTestSupport::assertionText;
 
 // What the chunk string must look like: the texts of its chunks, and whether the first and last
 // are the head and tail.
@@ -61,15 +53,13 @@ struct Model {
     bool head = false;
     bool tail = false;
 
-    QString text() const
-    {
+    QString text() const {
         QString all;
         for (const QString &chunk : chunks)
             all += chunk;
         return all;
     }
-    QList<quint64> keys() const
-    {
+    QList<quint64> keys() const {
         QList<quint64> keys{0};
         for (const QString &chunk : chunks)
             keys.append(keys.last() + quint64(chunk.size()));
@@ -98,8 +88,7 @@ private Q_SLOTS:
     void randomChangesAgainstPlainText();
 };
 
-void tst_HXChunkString::emptyString()
-{
+void tst_HXChunkString::emptyString() {
     HXChunkString string;
     QCOMPARE(string.length(), 0u);
     QCOMPARE(string.numberOfMapEntries(), 1);
@@ -119,9 +108,9 @@ void tst_HXChunkString::emptyString()
     QCOMPARE(string.copy()->length(), 0u);
 }
 
-void tst_HXChunkString::keyQueries()
-{
-    const auto string = chunkString({QStringLiteral("abc"), QStringLiteral("de"), QStringLiteral("f")});
+void tst_HXChunkString::keyQueries() {
+    const auto string =
+        chunkString({QStringLiteral("abc"), QStringLiteral("de"), QStringLiteral("f")});
     QCOMPARE(keysOf(*string), (QList<quint64>{0, 3, 5, 6}));
     QCOMPARE(string->chunkAtIndex(3).string(), QStringLiteral("de"));
     QVERIFY(string->chunkAtIndex(4).isNull()); // inside a chunk
@@ -139,9 +128,9 @@ void tst_HXChunkString::keyQueries()
     QCOMPARE(string->flatSubstringWithRange(HXRange{2, 3}), QStringLiteral("cde"));
 }
 
-void tst_HXChunkString::chunkRanges()
-{
-    const auto string = chunkString({QStringLiteral("abc"), QStringLiteral("de"), QStringLiteral("f")});
+void tst_HXChunkString::chunkRanges() {
+    const auto string =
+        chunkString({QStringLiteral("abc"), QStringLiteral("de"), QStringLiteral("f")});
     QCOMPARE(string->chunkRangeForRange(HXRange{1, 1}), (HXRange{0, 3}));
     QCOMPARE(string->chunkRangeForRange(HXRange{2, 2}), (HXRange{0, 5}));
     QCOMPARE(string->chunkRangeForRange(HXRange{3, 2}), (HXRange{3, 2}));
@@ -151,8 +140,7 @@ void tst_HXChunkString::chunkRanges()
     QCOMPARE(string->chunkRangeForRange(HXRange{0, 6}), (HXRange{0, 6}));
 }
 
-void tst_HXChunkString::headAndTail()
-{
+void tst_HXChunkString::headAndTail() {
     HXChunkString string;
     string.setTailChunk(atom(QStringLiteral("**")));
     string.setHeadChunk(atom(QStringLiteral("__")));
@@ -194,8 +182,7 @@ void tst_HXChunkString::headAndTail()
     string.checkInvariants();
 }
 
-void tst_HXChunkString::partialCopiesKeepHeadAndTailOnlyWhole()
-{
+void tst_HXChunkString::partialCopiesKeepHeadAndTailOnlyWhole() {
     HXChunkString string;
     string.setHeadChunk(atom(QStringLiteral("**")));
     string.appendChunk(QStringLiteral("bold"));
@@ -225,8 +212,7 @@ void tst_HXChunkString::partialCopiesKeepHeadAndTailOnlyWhole()
     headOnly->checkInvariants();
 }
 
-void tst_HXChunkString::equality()
-{
+void tst_HXChunkString::equality() {
     const auto one = chunkString({QStringLiteral("ab")});
     const auto two = chunkString({QStringLiteral("a"), QStringLiteral("b")});
     QVERIFY(one->isEqualToString(two->string()));
@@ -250,9 +236,9 @@ void tst_HXChunkString::equality()
     QCOMPARE(nested->string(), QStringLiteral("ab"));
 }
 
-void tst_HXChunkString::enumeration()
-{
-    const auto string = chunkString({QStringLiteral("abc"), QStringLiteral("de"), QStringLiteral("fgh")});
+void tst_HXChunkString::enumeration() {
+    const auto string =
+        chunkString({QStringLiteral("abc"), QStringLiteral("de"), QStringLiteral("fgh")});
     QStringList seen;
     QList<HXRange> ranges;
     auto collect = [&](const HXChunk &chunk, HXRange range, bool &) {
@@ -260,7 +246,8 @@ void tst_HXChunkString::enumeration()
         ranges.append(range);
     };
     string->enumerateChunksInRange(HXRange{1, 5}, 0, collect);
-    QCOMPARE(seen, (QStringList{QStringLiteral("abc"), QStringLiteral("de"), QStringLiteral("fgh")}));
+    QCOMPARE(seen,
+             (QStringList{QStringLiteral("abc"), QStringLiteral("de"), QStringLiteral("fgh")}));
     QCOMPARE(ranges.last(), (HXRange{5, 3}));
 
     seen.clear();
@@ -291,15 +278,20 @@ void tst_HXChunkString::enumeration()
                                   });
 }
 
-void tst_HXChunkString::assertions()
-{
+void tst_HXChunkString::assertions() {
     HXChunkString string;
     string.appendChunk(QStringLiteral("abc"));
-    QCOMPARE(assertionText([&] { string.replaceChunksInRange(HXRange{3, 0}, {QString()}); }),
+    QCOMPARE(assertionText([&] {
+                 string.replaceChunksInRange(HXRange{3, 0}, {QString()});
+             }),
              QStringLiteral("Chunks must be non-zero length!"));
-    QCOMPARE(assertionText([&] { string.replaceChunksInRange(HXRange{3, 0}, {HXChunk()}); }),
+    QCOMPARE(assertionText([&] {
+                 string.replaceChunksInRange(HXRange{3, 0}, {HXChunk()});
+             }),
              QStringLiteral("Chunks must be kind of NSString (subclasses)!"));
-    QCOMPARE(assertionText([&] { string.replaceCharactersInRange(HXRange{0, 1}, QStringLiteral("x")); }),
+    QCOMPARE(assertionText([&] {
+                 string.replaceCharactersInRange(HXRange{0, 1}, QStringLiteral("x"));
+             }),
              QStringLiteral("-replaceCharactersInRange:withString: not implemented!"));
     QVERIFY(!assertionText([&] { string.replaceChunksInRange(HXRange{1, 1}, {}); }).isEmpty());
     // A failed change leaves the string as it was.
@@ -307,8 +299,7 @@ void tst_HXChunkString::assertions()
     string.checkInvariants();
 }
 
-void tst_HXChunkString::recomputeAfterNestedChange()
-{
+void tst_HXChunkString::recomputeAfterNestedChange() {
     auto nested = chunkString({QStringLiteral("bc")});
     HXChunkString string;
     string.appendChunk(QStringLiteral("a"));
@@ -317,7 +308,8 @@ void tst_HXChunkString::recomputeAfterNestedChange()
     nested->appendChunk(QStringLiteral("XY"));
     // Until the keys are rebuilt, enumeration goes by the old keys.
     HXRange seen;
-    string.enumerateChunksInRange(HXRange{1, 1}, 0, [&](const HXChunk &, HXRange range, bool &) { seen = range; });
+    string.enumerateChunksInRange(HXRange{1, 1}, 0,
+                                  [&](const HXChunk &, HXRange range, bool &) { seen = range; });
     QCOMPARE(seen, (HXRange{1, 2}));
     QVERIFY(!assertionText([&] { string.checkInvariants(); }).isEmpty());
     string.recomputeIndexes();
@@ -334,8 +326,7 @@ public:
 };
 } // namespace
 
-void tst_HXChunkString::lockingContextReachesNestedStrings()
-{
+void tst_HXChunkString::lockingContextReachesNestedStrings() {
     auto context = std::make_shared<TestContext>();
     auto inner = chunkString({QStringLiteral("x")});
     HXChunkString string;
@@ -347,8 +338,7 @@ void tst_HXChunkString::lockingContextReachesNestedStrings()
     QCOMPARE(late->lockingContext().lock(), context);
 }
 
-void tst_HXChunkString::randomChangesAgainstPlainText()
-{
+void tst_HXChunkString::randomChangesAgainstPlainText() {
     QRandomGenerator random(20261123);
     auto randomText = [&] {
         const int length = 1 + int(random.bounded(6));
@@ -360,8 +350,10 @@ void tst_HXChunkString::randomChangesAgainstPlainText()
     // A plain text, an atom, or a nested chunk string of one to three plain texts.
     auto randomChunk = [&]() -> HXChunk {
         switch (random.bounded(3)) {
-        case 0: return randomText();
-        case 1: return atom(randomText());
+        case 0:
+            return randomText();
+        case 1:
+            return atom(randomText());
         default: {
             QStringList parts;
             for (int i = int(random.bounded(3)); i >= 0; --i)
@@ -392,7 +384,8 @@ void tst_HXChunkString::randomChangesAgainstPlainText()
             // The covering chunk range ends on keys around the range.
             const QList<quint64> keys = model.keys();
             const HXRange cover = string.chunkRangeForRange(HXRange{location, length});
-            QVERIFY2(keys.contains(cover.location) && keys.contains(cover.max()), qPrintable(QString::number(step)));
+            QVERIFY2(keys.contains(cover.location) && keys.contains(cover.max()),
+                     qPrintable(QString::number(step)));
             QVERIFY(cover.location <= location && cover.max() >= location + length);
         }
     };
@@ -401,17 +394,24 @@ void tst_HXChunkString::randomChangesAgainstPlainText()
         const QList<quint64> keys = model.keys();
         const size_t innerBegin = model.innerBegin(), innerEnd = model.innerEnd();
         switch (random.bounded(10)) {
-        case 0: case 1: case 2: case 3: { // a splice of inner chunks
+        case 0:
+        case 1:
+        case 2:
+        case 3: { // a splice of inner chunks
             const size_t from = innerBegin + random.bounded(quint32(innerEnd - innerBegin + 1));
-            const size_t to = from + random.bounded(quint32(std::min<size_t>(innerEnd - from, 2) + 1));
+            const size_t to =
+                from + random.bounded(quint32(std::min<size_t>(innerEnd - from, 2) + 1));
             QList<HXChunk> chunks;
             std::vector<QString> texts;
             for (int i = int(random.bounded(5)); i > 0; --i) {
                 chunks.append(randomChunk());
                 texts.push_back(chunks.last().string());
             }
-            string.replaceChunksInRange(HXRange{keys[qsizetype(from)], keys[qsizetype(to)] - keys[qsizetype(from)]}, chunks);
-            model.chunks.erase(model.chunks.begin() + qsizetype(from), model.chunks.begin() + qsizetype(to));
+            string.replaceChunksInRange(
+                HXRange{keys[qsizetype(from)], keys[qsizetype(to)] - keys[qsizetype(from)]},
+                chunks);
+            model.chunks.erase(model.chunks.begin() + qsizetype(from),
+                               model.chunks.begin() + qsizetype(to));
             model.chunks.insert(model.chunks.begin() + qsizetype(from), texts.begin(), texts.end());
             break;
         }
@@ -447,9 +447,11 @@ void tst_HXChunkString::randomChangesAgainstPlainText()
             const HXRange range{location, random.bounded(length - location + 1)};
             const auto copy = string.copyWithRange(range);
             copy->checkInvariants();
-            QCOMPARE(copy->string(), model.text().mid(qsizetype(range.location), qsizetype(range.length)));
+            QCOMPARE(copy->string(),
+                     model.text().mid(qsizetype(range.location), qsizetype(range.length)));
             const quint64 headLength = model.head ? quint64(model.chunks.front().size()) : 0;
-            QCOMPARE(bool(copy->headChunk()), model.head && range.location == 0 && headLength <= range.length);
+            QCOMPARE(bool(copy->headChunk()),
+                     model.head && range.location == 0 && headLength <= range.length);
             break;
         }
         case 8: { // a nested string grows in place, then the keys are rebuilt
@@ -467,7 +469,8 @@ void tst_HXChunkString::randomChangesAgainstPlainText()
         default:
             if (model.chunks.size() > 700) {
                 string.clear();
-                model.chunks.erase(model.chunks.begin() + qsizetype(innerBegin), model.chunks.begin() + qsizetype(innerEnd));
+                model.chunks.erase(model.chunks.begin() + qsizetype(innerBegin),
+                                   model.chunks.begin() + qsizetype(innerEnd));
             } else { // a whole copy is equal and independent
                 const auto copy = string.copy();
                 QVERIFY(copy->isEqualToChunkString(string));

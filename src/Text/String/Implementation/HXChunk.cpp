@@ -5,8 +5,7 @@
 
 #include <cstring>
 
-QChar HXChunk::characterAtIndex(quint64 index) const
-{
+QChar HXChunk::characterAtIndex(quint64 index) const {
     if (isPlain()) {
         const QString &plain = std::get<1>(m_value);
         HX_ASSERT(index < quint64(plain.size()), u"Range or index out of bounds %lu", index);
@@ -16,8 +15,7 @@ QChar HXChunk::characterAtIndex(quint64 index) const
     return std::get<2>(m_value)->characterAtIndex(index);
 }
 
-void HXChunk::getCharacters(QChar *buffer, HXRange range) const
-{
+void HXChunk::getCharacters(QChar *buffer, HXRange range) const {
     if (range.length == 0)
         return;
     if (isPlain()) {
@@ -32,31 +30,32 @@ void HXChunk::getCharacters(QChar *buffer, HXRange range) const
     std::get<2>(m_value)->getCharacters(buffer, range);
 }
 
-QString HXChunk::string() const
-{
+QString HXChunk::string() const {
     switch (m_value.index()) {
-    case 1: return std::get<1>(m_value);
-    case 2: return std::get<2>(m_value)->string();
-    default: return QString();
+    case 1:
+        return std::get<1>(m_value);
+    case 2:
+        return std::get<2>(m_value)->string();
+    default:
+        return QString();
     }
 }
 
-const QString &HXChunk::text() const
-{
+const QString &HXChunk::text() const {
     static const QString empty;
     return isPlain() ? std::get<1>(m_value) : empty;
 }
 
-const std::shared_ptr<HXStringObject> &HXChunk::objectPointer() const
-{
+const std::shared_ptr<HXStringObject> &HXChunk::objectPointer() const {
     static const std::shared_ptr<HXStringObject> none;
     return isObject() ? std::get<2>(m_value) : none;
 }
 
-HXChunkString *HXChunk::chunkString() const { return as<HXChunkString>(); }
+HXChunkString *HXChunk::chunkString() const {
+    return as<HXChunkString>();
+}
 
-bool HXChunk::isIdenticalTo(const HXChunk &other) const
-{
+bool HXChunk::isIdenticalTo(const HXChunk &other) const {
     if (isObject())
         return other.isObject() && object() == other.object();
     if (isPlain() && other.isPlain()) {
@@ -66,8 +65,7 @@ bool HXChunk::isIdenticalTo(const HXChunk &other) const
     return false;
 }
 
-bool HXChunk::isEqual(const HXChunk &other) const
-{
+bool HXChunk::isEqual(const HXChunk &other) const {
     if (isObject())
         return object()->isEqual(other);
     if (isPlain()) {
@@ -78,19 +76,20 @@ bool HXChunk::isEqual(const HXChunk &other) const
     return other.isNull();
 }
 
-HXChunk HXChunk::substringWithRange(HXRange range) const
-{
+HXChunk HXChunk::substringWithRange(HXRange range) const {
     if (isPlain())
-        return HXChunk(std::get<1>(m_value).mid(qsizetype(range.location), qsizetype(range.length)));
+        return HXChunk(
+            std::get<1>(m_value).mid(qsizetype(range.location), qsizetype(range.length)));
     if (isObject())
         return object()->substringChunkWithRange(range);
     return HXChunk();
 }
 
-HXChunk HXChunk::copy() const { return isObject() ? object()->copyChunk() : *this; }
+HXChunk HXChunk::copy() const {
+    return isObject() ? object()->copyChunk() : *this;
+}
 
-QString HXChunk::description() const
-{
+QString HXChunk::description() const {
     if (isPlain())
         return QLatin1Char('"') + std::get<1>(m_value) + QLatin1Char('"');
     if (isObject())

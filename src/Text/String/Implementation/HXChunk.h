@@ -16,30 +16,31 @@ class HXChunkString;
 class HXChunk {
 public:
     HXChunk() = default;
-    HXChunk(const QString &text) : m_value(text) {}
-    HXChunk(QString &&text) : m_value(std::move(text)) {}
-    HXChunk(std::shared_ptr<HXStringObject> object)
-    {
+    HXChunk(const QString &text)
+        : m_value(text) {}
+    HXChunk(QString &&text)
+        : m_value(std::move(text)) {}
+    HXChunk(std::shared_ptr<HXStringObject> object) {
         if (object)
             m_value = std::move(object);
     }
     template<typename T>
-        requires std::is_base_of_v<HXStringObject, T>
-    HXChunk(std::shared_ptr<T> object) : HXChunk(std::shared_ptr<HXStringObject>(std::move(object)))
-    {
-    }
+    requires std::is_base_of_v<HXStringObject, T> HXChunk(std::shared_ptr<T> object)
+        : HXChunk(std::shared_ptr<HXStringObject>(std::move(object))) {}
 
     bool isNull() const { return m_value.index() == 0; }
     explicit operator bool() const { return !isNull(); }
     bool isPlain() const { return m_value.index() == 1; }
     bool isObject() const { return m_value.index() == 2; }
 
-    quint64 length() const
-    {
+    quint64 length() const {
         switch (m_value.index()) {
-        case 1: return quint64(std::get<1>(m_value).size());
-        case 2: return std::get<2>(m_value)->length();
-        default: return 0;
+        case 1:
+            return quint64(std::get<1>(m_value).size());
+        case 2:
+            return std::get<2>(m_value)->length();
+        default:
+            return 0;
         }
     }
     QChar characterAtIndex(quint64 index) const;
@@ -52,13 +53,11 @@ public:
     HXStringObject *object() const { return isObject() ? std::get<2>(m_value).get() : nullptr; }
     const std::shared_ptr<HXStringObject> &objectPointer() const;
     template<typename T>
-    T *as() const
-    {
+    T *as() const {
         return dynamic_cast<T *>(object());
     }
     template<typename T>
-    std::shared_ptr<T> pointerAs() const
-    {
+    std::shared_ptr<T> pointerAs() const {
         return std::dynamic_pointer_cast<T>(objectPointer());
     }
     HXChunkString *chunkString() const;

@@ -4,24 +4,25 @@
 
 #include <bit>
 
-HXChunkMap::HXChunkMap() : m_blocks(1), m_tree(1, 0) {}
+HXChunkMap::HXChunkMap()
+    : m_blocks(1)
+    , m_tree(1, 0) {}
 
-HXChunkMap::Cursor HXChunkMap::begin() const { return Cursor{0, 0}; }
+HXChunkMap::Cursor HXChunkMap::begin() const {
+    return Cursor{0, 0};
+}
 
-HXChunkMap::Cursor HXChunkMap::end() const
-{
+HXChunkMap::Cursor HXChunkMap::end() const {
     const qsizetype last = qsizetype(m_blocks.size()) - 1;
     return Cursor{last, qsizetype(m_blocks.back().entries.size())};
 }
 
-bool HXChunkMap::isEnd(Cursor cursor) const
-{
+bool HXChunkMap::isEnd(Cursor cursor) const {
     return cursor.block == qsizetype(m_blocks.size()) - 1 &&
            cursor.index == qsizetype(m_blocks.back().entries.size());
 }
 
-void HXChunkMap::next(Cursor &cursor) const
-{
+void HXChunkMap::next(Cursor &cursor) const {
     ++cursor.index;
     if (cursor.index == qsizetype(m_blocks[size_t(cursor.block)].entries.size()) &&
         cursor.block + 1 < qsizetype(m_blocks.size())) {
@@ -30,8 +31,7 @@ void HXChunkMap::next(Cursor &cursor) const
     }
 }
 
-void HXChunkMap::previous(Cursor &cursor) const
-{
+void HXChunkMap::previous(Cursor &cursor) const {
     if (cursor.index > 0) {
         --cursor.index;
         return;
@@ -40,23 +40,20 @@ void HXChunkMap::previous(Cursor &cursor) const
     cursor.index = qsizetype(m_blocks[size_t(cursor.block)].entries.size()) - 1;
 }
 
-quint64 HXChunkMap::blockStart(qsizetype block) const
-{
+quint64 HXChunkMap::blockStart(qsizetype block) const {
     quint64 sum = 0;
     for (qsizetype i = block; i > 0; i -= i & -i)
         sum += m_tree[size_t(i - 1)];
     return sum;
 }
 
-void HXChunkMap::addToTree(qsizetype block, qint64 delta)
-{
+void HXChunkMap::addToTree(qsizetype block, qint64 delta) {
     const qsizetype n = qsizetype(m_tree.size());
     for (qsizetype i = block + 1; i <= n; i += i & -i)
         m_tree[size_t(i - 1)] += quint64(delta);
 }
 
-void HXChunkMap::rebuildTree()
-{
+void HXChunkMap::rebuildTree() {
     const qsizetype n = qsizetype(m_blocks.size());
     m_tree.assign(size_t(n), 0);
     for (qsizetype i = 1; i <= n; ++i) {
@@ -67,8 +64,7 @@ void HXChunkMap::rebuildTree()
     }
 }
 
-quint64 HXChunkMap::keyOf(Cursor cursor) const
-{
+quint64 HXChunkMap::keyOf(Cursor cursor) const {
     if (isEnd(cursor))
         return m_total;
     quint64 key = blockStart(cursor.block);
@@ -78,8 +74,7 @@ quint64 HXChunkMap::keyOf(Cursor cursor) const
     return key;
 }
 
-HXChunkMap::Cursor HXChunkMap::floor(quint64 index, quint64 *key) const
-{
+HXChunkMap::Cursor HXChunkMap::floor(quint64 index, quint64 *key) const {
     if (index >= m_total) {
         *key = m_total;
         return end();
@@ -106,20 +101,17 @@ HXChunkMap::Cursor HXChunkMap::floor(quint64 index, quint64 *key) const
     return Cursor{block, i};
 }
 
-bool HXChunkMap::findKey(quint64 key, Cursor *cursor) const
-{
+bool HXChunkMap::findKey(quint64 key, Cursor *cursor) const {
     quint64 found = 0;
     *cursor = floor(key, &found);
     return found == key;
 }
 
-void HXChunkMap::setChunk(Cursor cursor, HXChunk chunk)
-{
+void HXChunkMap::setChunk(Cursor cursor, HXChunk chunk) {
     m_blocks[size_t(cursor.block)].entries[size_t(cursor.index)].chunk = std::move(chunk);
 }
 
-void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries)
-{
+void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
     // An end at the start of a block is the end of the block before it, so that a splice
     // within one block stays there.
     if (to.index == 0 && to.block > from.block) {
@@ -183,8 +175,7 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries)
     rebalance(from.block, from.block + 1);
 }
 
-void HXChunkMap::assign(std::vector<Entry> entries)
-{
+void HXChunkMap::assign(std::vector<Entry> entries) {
     m_blocks.assign(1, Block());
     m_blocks.front().entries = std::move(entries);
     m_total = 0;
@@ -196,8 +187,7 @@ void HXChunkMap::assign(std::vector<Entry> entries)
     rebalance(0, 0);
 }
 
-void HXChunkMap::rebalance(qsizetype firstBlock, qsizetype lastBlock)
-{
+void HXChunkMap::rebalance(qsizetype firstBlock, qsizetype lastBlock) {
     const qsizetype blockCount = qsizetype(m_blocks.size());
     lastBlock = std::min(lastBlock, blockCount - 1);
     bool outOfShape = false;
@@ -237,8 +227,7 @@ void HXChunkMap::rebalance(qsizetype firstBlock, qsizetype lastBlock)
     rebuildTree();
 }
 
-bool HXChunkMap::isConsistent(QString *failure) const
-{
+bool HXChunkMap::isConsistent(QString *failure) const {
     auto fail = [&](const QString &text) {
         *failure = text;
         return false;
@@ -252,7 +241,8 @@ bool HXChunkMap::isConsistent(QString *failure) const
         if (block.entries.empty() && m_blocks.size() > 1)
             return fail(QStringLiteral("block %1 is empty").arg(b));
         if (block.entries.size() > maximumBlockSize)
-            return fail(QStringLiteral("block %1 holds %2 chunks").arg(b).arg(block.entries.size()));
+            return fail(
+                QStringLiteral("block %1 holds %2 chunks").arg(b).arg(block.entries.size()));
         quint64 sum = 0;
         for (const Entry &entry : block.entries) {
             if (entry.length == 0 || entry.chunk.isNull())
@@ -261,15 +251,22 @@ bool HXChunkMap::isConsistent(QString *failure) const
         }
         if (sum != block.total)
             return fail(QStringLiteral("block %1 has total %2, its chunks %3")
-                            .arg(b).arg(block.total).arg(sum));
+                            .arg(b)
+                            .arg(block.total)
+                            .arg(sum));
         if (blockStart(qsizetype(b)) != total)
             return fail(QStringLiteral("the tree puts block %1 at %2, not %3")
-                            .arg(b).arg(blockStart(qsizetype(b))).arg(total));
+                            .arg(b)
+                            .arg(blockStart(qsizetype(b)))
+                            .arg(total));
         total += sum;
         count += qsizetype(block.entries.size());
     }
     if (total != m_total || count != m_count)
         return fail(QStringLiteral("length %1 and count %2 are recorded as %3 and %4")
-                        .arg(total).arg(count).arg(m_total).arg(m_count));
+                        .arg(total)
+                        .arg(count)
+                        .arg(m_total)
+                        .arg(m_count));
     return true;
 }

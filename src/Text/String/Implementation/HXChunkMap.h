@@ -37,8 +37,7 @@ public:
     void next(Cursor &cursor) const;
     void previous(Cursor &cursor) const;
 
-    const Entry &at(Cursor cursor) const
-    {
+    const Entry &at(Cursor cursor) const {
         return m_blocks[size_t(cursor.block)].entries[size_t(cursor.index)];
     }
     quint64 keyOf(Cursor cursor) const;
@@ -57,8 +56,7 @@ public:
     // Walks from `from` in order (or backward, from `from` down to the first chunk) while the
     // function returns true. It gets the cursor, the entry and the key.
     template<typename F>
-    void walk(Cursor from, bool reverse, F &&function) const
-    {
+    void walk(Cursor from, bool reverse, F &&function) const {
         if (isEnd(from) && !reverse)
             return;
         quint64 key = keyOf(from);

@@ -1,6 +1,7 @@
 #include "Text/String/Implementation/HXChunkString.h"
 
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXDescription.h"
 
 #include <QStringList>
 
@@ -12,16 +13,14 @@ HXChunkString::~HXChunkString() = default;
 
 // --- Reading --------------------------------------------------------------------------------
 
-QChar HXChunkString::characterAtIndex(quint64 index) const
-{
+QChar HXChunkString::characterAtIndex(quint64 index) const {
     HX_ASSERT(index < length(), u"Range or index out of bounds %lu", index);
     quint64 key = 0;
     const HXChunkMap::Cursor cursor = m_map.floor(index, &key);
     return m_map.at(cursor).chunk.characterAtIndex(index - key);
 }
 
-void HXChunkString::getCharacters(QChar *buffer, HXRange range) const
-{
+void HXChunkString::getCharacters(QChar *buffer, HXRange range) const {
     if (range.length == 0)
         return;
     HX_ASSERT(range.max() <= length(), u"Range or index out of bounds %@", range.description());
@@ -36,32 +35,30 @@ void HXChunkString::getCharacters(QChar *buffer, HXRange range) const
     });
 }
 
-QString HXChunkString::string() const { return flatSubstringWithRange(HXRange{0, length()}); }
+QString HXChunkString::string() const {
+    return flatSubstringWithRange(HXRange{0, length()});
+}
 
-QString HXChunkString::flatSubstringWithRange(HXRange range) const
-{
+QString HXChunkString::flatSubstringWithRange(HXRange range) const {
     QString result(qsizetype(range.length), Qt::Uninitialized);
     getCharacters(result.data(), range);
     return result;
 }
 
-HXChunkMap::Cursor HXChunkString::cursorAtKey(quint64 key) const
-{
+HXChunkMap::Cursor HXChunkString::cursorAtKey(quint64 key) const {
     HXChunkMap::Cursor cursor;
     HX_ASSERT(m_map.findKey(key, &cursor), u"No chunk starts at index %lu.", key);
     return cursor;
 }
 
-HXChunk HXChunkString::chunkAtIndex(quint64 index) const
-{
+HXChunk HXChunkString::chunkAtIndex(quint64 index) const {
     HXChunkMap::Cursor cursor;
     if (!m_map.findKey(index, &cursor) || m_map.isEnd(cursor))
         return HXChunk();
     return m_map.at(cursor).chunk;
 }
 
-HXChunk HXChunkString::lastChunk() const
-{
+HXChunk HXChunkString::lastChunk() const {
     if (m_map.count() == 0)
         return HXChunk();
     HXChunkMap::Cursor cursor = m_map.end();
@@ -69,8 +66,7 @@ HXChunk HXChunkString::lastChunk() const
     return m_map.at(cursor).chunk;
 }
 
-QList<HXChunk> HXChunkString::allChunks() const
-{
+QList<HXChunk> HXChunkString::allChunks() const {
     QList<HXChunk> chunks;
     chunks.reserve(m_map.count());
     m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64) {
@@ -80,8 +76,7 @@ QList<HXChunk> HXChunkString::allChunks() const
     return chunks;
 }
 
-QList<HXChunk> HXChunkString::innerChunks() const
-{
+QList<HXChunk> HXChunkString::innerChunks() const {
     QList<HXChunk> chunks = allChunks();
     if (!chunks.isEmpty() && m_headChunk && chunks.first().isIdenticalTo(m_headChunk))
         chunks.removeFirst();
@@ -90,22 +85,22 @@ QList<HXChunk> HXChunkString::innerChunks() const
     return chunks;
 }
 
-HXRange HXChunkString::innerChunkRange() const
-{
+HXRange HXChunkString::innerChunkRange() const {
     quint64 start = 0, end = length();
-    if (m_map.count() > 0 && m_headChunk && m_map.at(m_map.begin()).chunk.isIdenticalTo(m_headChunk))
+    if (m_map.count() > 0 && m_headChunk &&
+        m_map.at(m_map.begin()).chunk.isIdenticalTo(m_headChunk))
         start = m_map.at(m_map.begin()).length;
     if (m_map.count() > 0 && m_tailChunk) {
         HXChunkMap::Cursor last = m_map.end();
         m_map.previous(last);
-        if (m_map.at(last).chunk.isIdenticalTo(m_tailChunk) && (last != m_map.begin() || !m_headChunk))
+        if (m_map.at(last).chunk.isIdenticalTo(m_tailChunk) &&
+            (last != m_map.begin() || !m_headChunk))
             end -= m_map.at(last).length;
     }
     return HXRange{start, end >= start ? end - start : 0};
 }
 
-HXRange HXChunkString::chunkRangeForRange(HXRange range) const
-{
+HXRange HXChunkString::chunkRangeForRange(HXRange range) const {
     quint64 start = 0;
     const HXChunkMap::Cursor first = m_map.floor(range.location, &start);
     if (range.length == 0) {
@@ -119,20 +114,17 @@ HXRange HXChunkString::chunkRangeForRange(HXRange range) const
     return HXRange{start, end - start};
 }
 
-quint64 HXChunkString::chunkIndexLessThanOrEqualToIndex(quint64 index) const
-{
+quint64 HXChunkString::chunkIndexLessThanOrEqualToIndex(quint64 index) const {
     quint64 key = 0;
     m_map.floor(index, &key);
     return key;
 }
 
-quint64 HXChunkString::chunkIndexLessThanIndex(quint64 index) const
-{
+quint64 HXChunkString::chunkIndexLessThanIndex(quint64 index) const {
     return index == 0 ? HXNotFound : chunkIndexLessThanOrEqualToIndex(index - 1);
 }
 
-quint64 HXChunkString::chunkIndexGreaterThanOrEqualToIndex(quint64 index) const
-{
+quint64 HXChunkString::chunkIndexGreaterThanOrEqualToIndex(quint64 index) const {
     if (index > length())
         return HXNotFound;
     quint64 key = 0;
@@ -142,8 +134,7 @@ quint64 HXChunkString::chunkIndexGreaterThanOrEqualToIndex(quint64 index) const
     return key + m_map.at(cursor).length;
 }
 
-quint64 HXChunkString::chunkIndexGreaterThanIndex(quint64 index) const
-{
+quint64 HXChunkString::chunkIndexGreaterThanIndex(quint64 index) const {
     if (index >= length())
         return HXNotFound;
     return chunkIndexGreaterThanOrEqualToIndex(index + 1);
@@ -151,14 +142,12 @@ quint64 HXChunkString::chunkIndexGreaterThanIndex(quint64 index) const
 
 // --- Changing -------------------------------------------------------------------------------
 
-void HXChunkString::adopt(const HXChunk &chunk) const
-{
+void HXChunkString::adopt(const HXChunk &chunk) const {
     if (HXChunkString *nested = chunk.chunkString())
         nested->setLockingContext(m_lockingContext);
 }
 
-std::vector<HXChunkMap::Entry> HXChunkString::entriesForChunks(const QList<HXChunk> &chunks) const
-{
+std::vector<HXChunkMap::Entry> HXChunkString::entriesForChunks(const QList<HXChunk> &chunks) const {
     std::vector<HXChunkMap::Entry> entries;
     entries.reserve(size_t(chunks.size()));
     for (const HXChunk &chunk : chunks) {
@@ -171,16 +160,14 @@ std::vector<HXChunkMap::Entry> HXChunkString::entriesForChunks(const QList<HXChu
     return entries;
 }
 
-void HXChunkString::replaceChunksInRange(HXRange range, const QList<HXChunk> &chunks)
-{
+void HXChunkString::replaceChunksInRange(HXRange range, const QList<HXChunk> &chunks) {
     std::vector<HXChunkMap::Entry> entries = entriesForChunks(chunks);
     const HXChunkMap::Cursor from = cursorAtKey(range.location);
     const HXChunkMap::Cursor to = range.length == 0 ? from : cursorAtKey(range.max());
     m_map.replace(from, to, std::move(entries));
 }
 
-void HXChunkString::setInnerChunks(const QList<HXChunk> &chunks)
-{
+void HXChunkString::setInnerChunks(const QList<HXChunk> &chunks) {
     QList<HXChunk> all;
     all.reserve(chunks.size() + 2);
     if (m_headChunk)
@@ -191,8 +178,7 @@ void HXChunkString::setInnerChunks(const QList<HXChunk> &chunks)
     m_map.assign(entriesForChunks(all));
 }
 
-void HXChunkString::setHeadChunk(const HXChunk &chunk)
-{
+void HXChunkString::setHeadChunk(const HXChunk &chunk) {
     const HXChunk replacement = chunk && chunk.length() > 0 ? chunk : HXChunk();
     const HXChunk first = firstChunk();
     if (m_headChunk && first.isIdenticalTo(m_headChunk)) {
@@ -213,12 +199,11 @@ void HXChunkString::setHeadChunk(const HXChunk &chunk)
     m_headChunk = replacement;
 }
 
-void HXChunkString::setTailChunk(const HXChunk &chunk)
-{
+void HXChunkString::setTailChunk(const HXChunk &chunk) {
     const HXChunk replacement = chunk && chunk.length() > 0 ? chunk : HXChunk();
     const HXChunk last = lastChunk();
-    const bool tailInPlace = m_tailChunk && last.isIdenticalTo(m_tailChunk) &&
-                             !(m_map.count() == 1 && m_headChunk);
+    const bool tailInPlace =
+        m_tailChunk && last.isIdenticalTo(m_tailChunk) && !(m_map.count() == 1 && m_headChunk);
     if (tailInPlace) {
         HXChunkMap::Cursor cursor = m_map.end();
         m_map.previous(cursor);
@@ -237,8 +222,7 @@ void HXChunkString::setTailChunk(const HXChunk &chunk)
     m_tailChunk = replacement;
 }
 
-void HXChunkString::appendChunk(const HXChunk &chunk)
-{
+void HXChunkString::appendChunk(const HXChunk &chunk) {
     if (chunk.isNull() || chunk.length() == 0)
         return;
     const HXRange inner = innerChunkRange();
@@ -247,8 +231,7 @@ void HXChunkString::appendChunk(const HXChunk &chunk)
     replaceChunksInRange(HXRange{at, 0}, {chunk});
 }
 
-void HXChunkString::appendChunkString(const HXChunkString &other)
-{
+void HXChunkString::appendChunkString(const HXChunkString &other) {
     other.m_map.walk(other.m_map.begin(), false,
                      [&](HXChunkMap::Cursor, const HXChunkMap::Entry &entry, quint64) {
                          appendChunk(entry.chunk);
@@ -256,10 +239,11 @@ void HXChunkString::appendChunkString(const HXChunkString &other)
                      });
 }
 
-void HXChunkString::clear() { setInnerChunks({}); }
+void HXChunkString::clear() {
+    setInnerChunks({});
+}
 
-void HXChunkString::recomputeIndexes()
-{
+void HXChunkString::recomputeIndexes() {
     if (m_map.count() == 0)
         return;
     std::vector<HXChunkMap::Entry> entries;
@@ -275,8 +259,7 @@ void HXChunkString::recomputeIndexes()
     m_map.assign(std::move(entries));
 }
 
-void HXChunkString::copyChunksFromString(const HXChunkString &source)
-{
+void HXChunkString::copyChunksFromString(const HXChunkString &source) {
     std::vector<HXChunkMap::Entry> entries;
     entries.reserve(size_t(source.m_map.count()));
     HXChunk head, tail;
@@ -301,8 +284,7 @@ void HXChunkString::copyChunksFromString(const HXChunkString &source)
     m_tailChunk = tail;
 }
 
-void HXChunkString::copyChunksFromString(const HXChunkString &source, HXRange range)
-{
+void HXChunkString::copyChunksFromString(const HXChunkString &source, HXRange range) {
     m_map.assign({});
     m_headChunk = HXChunk();
     m_tailChunk = HXChunk();
@@ -322,8 +304,7 @@ void HXChunkString::copyChunksFromString(const HXChunkString &source, HXRange ra
         m_tailChunk = lastChunk();
 }
 
-void HXChunkString::setLockingContext(const std::weak_ptr<HXLockingContext> &context)
-{
+void HXChunkString::setLockingContext(const std::weak_ptr<HXLockingContext> &context) {
     if (!m_lockingContext.owner_before(context) && !context.owner_before(m_lockingContext))
         return;
     m_lockingContext = context;
@@ -334,33 +315,32 @@ void HXChunkString::setLockingContext(const std::weak_ptr<HXLockingContext> &con
     });
 }
 
-void HXChunkString::replaceCharactersInRange(HXRange, const QString &)
-{
+void HXChunkString::replaceCharactersInRange(HXRange, const QString &) {
     HX_ASSERT(false, u"-replaceCharactersInRange:withString: not implemented!");
 }
 
 // --- Copying and comparing ------------------------------------------------------------------
 
-bool HXChunkString::isOfClassOf(const HXChunkString &) const { return true; }
+bool HXChunkString::isOfClassOf(const HXChunkString &) const {
+    return true;
+}
 
-void HXChunkString::initWithChunkString(const HXChunkString &other, HXRange range)
-{
-    HX_ASSERT(isOfClassOf(other), u"Deep copy requires other string to be of the same or a subclass!");
+void HXChunkString::initWithChunkString(const HXChunkString &other, HXRange range) {
+    HX_ASSERT(isOfClassOf(other),
+              u"Deep copy requires other string to be of the same or a subclass!");
     if (range.location == 0 && range.length == other.length())
         copyChunksFromString(other);
     else
         copyChunksFromString(other, range);
 }
 
-std::shared_ptr<HXChunkString> HXChunkString::copyWithRange(HXRange range) const
-{
+std::shared_ptr<HXChunkString> HXChunkString::copyWithRange(HXRange range) const {
     auto copy = std::make_shared<HXChunkString>();
     copy->initWithChunkString(*this, range);
     return copy;
 }
 
-bool HXChunkString::isEqualToChunkString(const HXChunkString &other) const
-{
+bool HXChunkString::isEqualToChunkString(const HXChunkString &other) const {
     if (!isOfClassOf(other) || m_map.count() != other.m_map.count() ||
         m_map.totalLength() != other.m_map.totalLength())
         return false;
@@ -375,13 +355,11 @@ bool HXChunkString::isEqualToChunkString(const HXChunkString &other) const
     return equal;
 }
 
-bool HXChunkString::isEqualToString(const QString &other) const
-{
+bool HXChunkString::isEqualToString(const QString &other) const {
     return quint64(other.size()) == length() && string() == other;
 }
 
-bool HXChunkString::isEqual(const HXChunk &other) const
-{
+bool HXChunkString::isEqual(const HXChunk &other) const {
     if (const HXChunkString *chunkString = other.chunkString())
         return isEqualToChunkString(*chunkString);
     if (other.isNull())
@@ -389,46 +367,49 @@ bool HXChunkString::isEqual(const HXChunk &other) const
     return isEqualToString(other.string());
 }
 
-HXChunk HXChunkString::substringChunkWithRange(HXRange range) const
-{
+HXChunk HXChunkString::substringChunkWithRange(HXRange range) const {
     return HXChunk(substringWithRange(range));
 }
 
-HXChunk HXChunkString::copyChunk() const { return HXChunk(copy()); }
+HXChunk HXChunkString::copyChunk() const {
+    return HXChunk(copy());
+}
 
-QString HXChunkString::description() const
-{
+QString HXChunkString::description() const {
     QStringList parts;
-    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64 key) {
-        QString part = QString::number(key) + QStringLiteral(": ") + e.chunk.description();
-        if (key == 0 && m_headChunk && e.chunk.isIdenticalTo(m_headChunk))
-            part += QStringLiteral(" (head)");
-        else if (m_tailChunk && e.chunk.isIdenticalTo(m_tailChunk) && key + e.length == length())
-            part += QStringLiteral(" (tail)");
-        parts.append(part);
-        return true;
-    });
+    m_map.walk(
+        m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64 key) {
+            QString part = QString::number(key) + QStringLiteral(": ") + e.chunk.description();
+            if (key == 0 && m_headChunk && e.chunk.isIdenticalTo(m_headChunk))
+                part += QStringLiteral(" (head)");
+            else if (m_tailChunk && e.chunk.isIdenticalTo(m_tailChunk) &&
+                     key + e.length == length())
+                part += QStringLiteral(" (tail)");
+            parts.append(part);
+            return true;
+        });
     return QStringLiteral("<%1 {%2} %3>")
-        .arg(QString::fromLatin1(typeid(*this).name()), parts.join(QStringLiteral(", ")))
+        .arg(HXClassName(typeid(*this)), parts.join(QStringLiteral(", ")))
         .arg(length());
 }
 
-void HXChunkString::checkInvariants(bool deep) const
-{
+void HXChunkString::checkInvariants(bool deep) const {
     QString failure;
     HX_ASSERT(m_map.isConsistent(&failure), u"Chunk map inconsistent: %@", failure);
-    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64 key) {
-        HX_ASSERT(e.chunk.length() == e.length,
-                  u"The chunk at %lu has length %lu but is keyed for %lu: %@", key, e.chunk.length(),
-                  e.length, e.chunk.description());
-        if (deep) {
-            if (const HXChunkString *nested = e.chunk.chunkString())
-                nested->checkInvariants(true);
-        }
-        return true;
-    });
+    m_map.walk(m_map.begin(), false,
+               [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64 key) {
+                   HX_ASSERT(e.chunk.length() == e.length,
+                             u"The chunk at %lu has length %lu but is keyed for %lu: %@", key,
+                             e.chunk.length(), e.length, e.chunk.description());
+                   if (deep) {
+                       if (const HXChunkString *nested = e.chunk.chunkString())
+                           nested->checkInvariants(true);
+                   }
+                   return true;
+               });
     if (m_headChunk) {
-        HX_ASSERT(firstChunk().isIdenticalTo(m_headChunk), u"The head chunk is not the first chunk.");
+        HX_ASSERT(firstChunk().isIdenticalTo(m_headChunk),
+                  u"The head chunk is not the first chunk.");
     }
     if (m_tailChunk) {
         HX_ASSERT(lastChunk().isIdenticalTo(m_tailChunk), u"The tail chunk is not the last chunk.");

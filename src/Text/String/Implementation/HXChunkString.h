@@ -91,8 +91,7 @@ public:
     // A new object of the receiver's class with a deep copy of the range.
     std::shared_ptr<HXChunkString> copy() const { return copyWithRange(HXRange{0, length()}); }
     virtual std::shared_ptr<HXChunkString> copyWithRange(HXRange range) const;
-    virtual std::shared_ptr<HXChunkString> substringWithRange(HXRange range) const
-    {
+    virtual std::shared_ptr<HXChunkString> substringWithRange(HXRange range) const {
         return copyWithRange(range);
     }
     // Same class (or a subclass), same keys, equal chunks: structure counts, not only characters.
@@ -133,8 +132,7 @@ private:
 };
 
 template<typename F>
-void HXChunkString::enumerateChunksInRange(HXRange range, quint64 options, F &&block) const
-{
+void HXChunkString::enumerateChunksInRange(HXRange range, quint64 options, F &&block) const {
     if (range.length == 0)
         return;
     const bool reverse = options & HXChunkEnumerationReverse;

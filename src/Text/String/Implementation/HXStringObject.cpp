@@ -2,30 +2,28 @@
 
 #include "Text/String/Implementation/HXChunk.h"
 
-QString HXStringObject::string() const
-{
+QString HXStringObject::string() const {
     QString result(qsizetype(length()), Qt::Uninitialized);
     getCharacters(result.data(), HXRange{0, length()});
     return result;
 }
 
-bool HXStringObject::isEqual(const HXChunk &other) const
-{
+bool HXStringObject::isEqual(const HXChunk &other) const {
     if (other.isNull() || other.length() != length())
         return false;
     return other.string() == string();
 }
 
-HXChunk HXStringObject::substringChunkWithRange(HXRange range) const
-{
+HXChunk HXStringObject::substringChunkWithRange(HXRange range) const {
     QString result(qsizetype(range.length), Qt::Uninitialized);
     getCharacters(result.data(), range);
     return HXChunk(std::move(result));
 }
 
-HXChunk HXStringObject::copyChunk() const
-{
+HXChunk HXStringObject::copyChunk() const {
     return HXChunk(std::const_pointer_cast<HXStringObject>(shared_from_this()));
 }
 
-QString HXStringObject::description() const { return QLatin1Char('"') + string() + QLatin1Char('"'); }
+QString HXStringObject::description() const {
+    return QLatin1Char('"') + string() + QLatin1Char('"');
+}
