@@ -394,6 +394,18 @@ QString HXChunkString::description() const {
 }
 
 void HXChunkString::checkInvariants(bool deep) const {
+    checkMapInvariants(deep);
+    if (m_headChunk) {
+        HX_ASSERT(firstChunk().isIdenticalTo(m_headChunk),
+                  u"The head chunk is not the first chunk.");
+    }
+    if (m_tailChunk) {
+        HX_ASSERT(lastChunk().isIdenticalTo(m_tailChunk), u"The tail chunk is not the last chunk.");
+        HX_ASSERT(!m_headChunk || m_map.count() >= 2, u"Head and tail chunk share one entry.");
+    }
+}
+
+void HXChunkString::checkMapInvariants(bool deep) const {
     QString failure;
     HX_ASSERT(m_map.isConsistent(&failure), u"Chunk map inconsistent: %@", failure);
     m_map.walk(m_map.begin(), false,
@@ -407,12 +419,4 @@ void HXChunkString::checkInvariants(bool deep) const {
                    }
                    return true;
                });
-    if (m_headChunk) {
-        HX_ASSERT(firstChunk().isIdenticalTo(m_headChunk),
-                  u"The head chunk is not the first chunk.");
-    }
-    if (m_tailChunk) {
-        HX_ASSERT(lastChunk().isIdenticalTo(m_tailChunk), u"The tail chunk is not the last chunk.");
-        HX_ASSERT(!m_headChunk || m_map.count() >= 2, u"Head and tail chunk share one entry.");
-    }
 }

@@ -115,8 +115,10 @@ public:
     virtual void checkInvariants(bool deep = true) const;
 
 protected:
-    // What `copyWithRange` does for a new object of a subclass.
-    void initWithChunkString(const HXChunkString &other, HXRange range);
+    // What `copyWithRange` does for a new object of a subclass; subclasses copy their fields.
+    virtual void initWithChunkString(const HXChunkString &other, HXRange range);
+    // The map's part of checkInvariants: keys, lengths and, with `deep`, nested strings.
+    void checkMapInvariants(bool deep) const;
     // Prepares a chunk for the map: a chunk string receives this string's locking context.
     void adopt(const HXChunk &chunk) const;
     const HXChunkMap &map() const { return m_map; }

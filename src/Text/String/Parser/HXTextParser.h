@@ -1,14 +1,19 @@
 #pragma once
 
+#include "Utilities/HXRange.h"
+
 #include <QList>
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 #include <unicode/regex.h>
 #include <utility>
 
 class HXDefinition;
+class HXParagraph;
+class HXTextTag;
 
 // The parser of text under a markup. It holds no state: all its operations are static, and every
 // input is an argument. Here stands the pattern language in which tags are written: a pattern is
@@ -44,6 +49,36 @@ public:
     static QString plainStringForPattern(const QString &pattern);
     // Backslash escaping of a literal for a regular expression.
     static QString escapedRegularExpressionString(const QString &literal);
+
+    // The pattern of part 0 or 1 of a tag, null where it has none; a tab for the null marker,
+    // which stands for one level of indentation.
+    static QString patternForPart(qsizetype part, const HXTextTag *tag);
+    // The text of a part of a tag. The present text (null for none) stays where it still fits
+    // the pattern; otherwise text is made for the number the provider gives (1 without one),
+    // keeping the lead blanks and the trailing blank of a line-level tag. Null when no text can be
+    // made. The ranges of the numbers in the result go to `expressionRanges` if asked for.
+    static QString stringMatchingPart(qsizetype part, const HXTextTag *tag, const QString &string,
+                                      const std::function<quint64()> &indexProvider,
+                                      QList<HXRange> *expressionRanges = nullptr);
+    // The text of a pattern for a number; null if the pattern has a word in it.
+    static QString stringMatchingPattern(const QString &pattern, quint64 index,
+                                         QList<HXRange> *expressionRanges = nullptr);
+    // The number written in a tag's text by a pattern: 0 when the pattern has no number or the
+    // text doesn't fit it, -1 for a numeral that doesn't read back.
+    static qint64 enumerationIndexForString(const QString &string, const QString &pattern);
+    // Lowercase numerals; 0 is "0" in both. Letter numerals run a to y, az, aa, ab, and so on.
+    static QString romanNumeral(quint64 number);
+    static QString letterNumeral(quint64 number);
+    // Reading numerals back: -1 for anything that isn't one. A letter numeral reads its first
+    // letter only, so it is no inverse beyond z.
+    static qint64 numberForRomanNumeral(const QString &string);
+    static qint64 numberForLetterNumeral(const QString &string);
+
+    // Parses a paragraph anew after its characters changed, in place: the paragraph keeps its
+    // identity, bookmark and place. The outputs are the ranges of changed characters and changed
+    // structure, in the old paragraph; either may be left out.
+    static void reparseParagraph(HXParagraph &paragraph, HXRange *changedText = nullptr,
+                                 HXRange *changedStructure = nullptr);
 
 private:
     // One step of the walk: the literal scanned up to the next expression and that expression

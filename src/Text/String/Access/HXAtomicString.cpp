@@ -1,0 +1,19 @@
+#include "Text/String/Access/HXAtomicString.h"
+
+std::shared_ptr<HXAtomicString>
+HXAtomicString::stringWithMarkup(const std::shared_ptr<HXMarkup> &markup,
+                                 HXDefinitionSelector recognizedDefinitions) {
+    auto string = std::make_shared<HXAtomicString>();
+    string->m_recognizedDefinitions = recognizedDefinitions;
+    string->setMarkupObserved(markup);
+    string->setLockingContext(std::weak_ptr<HXLockingContext>(string));
+    return string;
+}
+
+void HXAtomicString::read(const std::function<void()> &block) {
+    m_lock.synchronizedRead(block);
+}
+
+void HXAtomicString::write(const std::function<void()> &block) {
+    m_lock.synchronizedWrite(block);
+}

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "Text/Markup/HXMarkup.h"
+#include "Text/String/Access/HXString.h"
+#include "Text/String/Access/HXStringObserver.h"
+
+#include <memory>
+#include <vector>
+
+class HXUndoManager;
+
+// A string that changes. All edits go through one door, `replaceCharactersInRange`, which keeps
+// the paragraphs whole (merging and splitting them at line feeds), parses the paragraphs it
+// touches and tells the observers. It observes its markup, and parses anew when the markup's
+// tags change. Not safe on several threads: HXAtomicString is. Made through its factories, as it
+// registers itself with its markup.
+class HXMutableString : public HXString, public HXMarkupObserver {
+public:
+    HXMutableString() = default;
+    ~HXMutableString() override;
+
+    static std::shared_ptr<HXMutableString>
+    stringWithMarkup(const std::shared_ptr<HXMarkup> &markup,
+                     HXDefinitionSelector recognizedDefinitions = HXDefaultDefinitionSelector);
+
+    bool isMutable() const override { return true; }
+
+    // Replaces the characters of the range with plain text or with a string, which is brought
+    // into this markup. The outputs: the edited range, in old coordinates, of the characters
+    // really exchanged; the affected range, in old coordinates, of changed structure; the
+    // replacement range, in new coordinates, of what stands there now.
+    using HXString::replaceCharactersInRange;
+    void replaceCharactersInRange(HXRange range, const HXChunk &string,
+                                  HXRange *editedRange = nullptr, HXRange *affectedRange = nullptr,
+                                  HXRange *replacementRange = nullptr) override;
+    // Takes markup, recognized definitions and a copy of the other's text.
+    void setToString(const HXString &other);
+    // Brings the text into another markup: each prefix rewritten for the new tags, lists
+    // numbered across paragraphs, everything parsed anew.
+    void setMarkup(const std::shared_ptr<HXMarkup> &markup);
+    void setRecognizedDefinitions(HXDefinitionSelector recognizedDefinitions);
+    void markupChangedStructure(HXMarkup &markup) override;
+    // Appends a paragraph of the same markup behind a line feed.
+    void appendParagraph(const HXParagraphRef &paragraph);
+    void setBookmark(const HXBookmarkRef &bookmark, quint64 paragraphIndex);
+
+    void addStringObserver(const std::shared_ptr<HXStringObserver> &observer);
+    void removeStringObserver(const std::shared_ptr<HXStringObserver> &observer);
+
+    // Undo: a string records its changes only with an undo manager.
+    std::shared_ptr<HXUndoManager> undoManager() const;
+    void setUndoManager(const std::shared_ptr<HXUndoManager> &undoManager);
+    void breakUndoCoalescing();
+    void clearUndoHistory();
+    // Records the change of characters: the old text of the edited range and what replaced it.
+    void trackUndoForChangeInRange(HXRange editedRange, const HXString &replacedText,
+                                   HXRange replacementRange);
+    void willChangeValueOfAttribute(const QString &attributeIdentifier,
+                                    const HXTextElement &element);
+
+protected:
+    // Swaps the markup and moves this string's observation to the new one.
+    void setMarkupObserved(const std::shared_ptr<HXMarkup> &markup);
+
+private:
+    void notifyObservers(HXRange range, const HXChunk &replacement, HXRange editedRange,
+                         HXRange affectedRange, HXRange replacementRange);
+    template<typename F>
+    void forEachObserver(F &&function);
+    // The editing door without the lock.
+    void replaceLocked(HXRange range, const HXChunk &string, HXRange *editedRange,
+                       HXRange *affectedRange, HXRange *replacementRange);
+    HXChunk preparedString(const HXChunk &string) const;
+
+    std::vector<std::weak_ptr<HXStringObserver>> m_observers;
+    std::shared_ptr<HXUndoManager> m_undoManager;
+};
+
+using HXMutableStringRef = std::shared_ptr<HXMutableString>;

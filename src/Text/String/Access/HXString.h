@@ -1,0 +1,196 @@
+#pragma once
+
+#include "Text/Markup/HXDefinition.h"
+#include "Text/String/Meta/HXBookmark.h"
+#include "Text/String/Nodes/HXParagraph.h"
+#include "Text/String/Nodes/HXTextElement.h"
+
+#include <QMap>
+#include <QVariantMap>
+
+#include <optional>
+#include <type_traits>
+
+class HXMarkup;
+class HXMutableString;
+
+// Options of paragraph enumeration: the block may change the string through its editing
+// operation.
+enum HXStringEnumerationOptions : quint64 {
+    HXStringEnumerationWithModificationOption = 1,
+};
+
+// The text of a sheet: a chunk string whose chunks are paragraphs, each but the last ending in a
+// line feed. The position behind a final line feed has no paragraph; typing there makes one.
+// Indexes are UTF-16 code units over the whole text, tags included.
+//
+// This class is immutable: its editing operations raise an assertion. It may be read from several
+// threads while nobody changes it; `copy` of a string that does change gives such a tree, which is
+// how text goes to workers. Every operation runs through the string's locking context when it has
+// one (see HXAtomicString).
+class HXString : public HXChunkString {
+public:
+    HXString() = default;
+    explicit HXString(std::shared_ptr<HXMarkup> markup,
+                      HXDefinitionSelector recognizedDefinitions = HXDefaultDefinitionSelector);
+    ~HXString() override;
+
+    // The text parsed under the markup, as an immutable string.
+    static std::shared_ptr<HXString>
+    stringWithString(const QString &text, const std::shared_ptr<HXMarkup> &markup,
+                     HXDefinitionSelector recognizedDefinitions = HXDefaultDefinitionSelector);
+    // A string of one paragraph that holds the element.
+    static std::shared_ptr<HXString> stringWithTextElement(const HXTextElementRef &element);
+
+    std::shared_ptr<HXMarkup> markup() const;
+    HXDefinitionSelector recognizedDefinitions() const;
+
+    // --- Reading, under the lock -------------------------------------------------------------
+    quint64 length() const override;
+    QChar characterAtIndex(quint64 index) const override;
+    void getCharacters(QChar *buffer, HXRange range) const override;
+    QString string() const override;
+
+    // Always an immutable string of the whole text, independent of this one.
+    std::shared_ptr<HXString> copy() const;
+    std::shared_ptr<HXMutableString> mutableCopy() const;
+    std::shared_ptr<HXChunkString> copyWithRange(HXRange range) const override;
+    // A structured copy of the range, of the same markup.
+    std::shared_ptr<HXChunkString> substringWithRange(HXRange range) const override;
+    std::shared_ptr<HXString> stringWithRange(HXRange range) const;
+    // The pieces of the ranges one after another, each but the last ending in a line feed;
+    // bookmarks stay behind.
+    std::shared_ptr<HXString> substringWithRanges(const QList<HXRange> &ranges) const;
+
+    // --- Structure -----------------------------------------------------------------------------
+    QList<HXParagraphRef> paragraphs() const;
+    // The paragraph whose range holds the index.
+    HXParagraphRef paragraphAtIndex(quint64 index, HXRange *paragraphRange = nullptr) const;
+    // The whole paragraphs that the range touches; an empty range looks at the character at its
+    // location, at the end at the last one unless the text ends in a line feed.
+    HXRange paragraphRangeForRange(HXRange range) const;
+    // Calls block(paragraph, location, length, stop) for each paragraph of the range; the result
+    // is the range visited. With the modification option a block may edit through the string.
+    using ParagraphBlock = std::function<void(const HXParagraphRef &paragraph, quint64 location,
+                                              quint64 length, bool &stop)>;
+    HXRange enumerateParagraphsInRange(HXRange range, quint64 options, const ParagraphBlock &block);
+    HXRange enumerateParagraphsInRange(HXRange range, const ParagraphBlock &block) const;
+    // Only paragraphs whose tag's definition has its scope bit in the mask.
+    void enumerateParagraphsInScopes(HXDefinitionSelector scopes, HXRange range,
+                                     const ParagraphBlock &block) const;
+    // The first paragraph whose tag's scope bit is in the mask. Anchored, a paragraph of two or
+    // more characters without such a tag ends the search.
+    HXRange rangeOfFirstParagraphMatchingMask(HXDefinitionSelector mask, bool anchored) const;
+    // The running number of the paragraph at the index, counting paragraphs of two characters or
+    // more that aren't excluded from numbering; not-found for one that doesn't count. `state`
+    // carries the count from one call to the next.
+    quint64 numberForParagraphAtIndex(quint64 index, HXRange *paragraphRange = nullptr,
+                                      QVariantMap *state = nullptr) const;
+    // The number shown by the nearest grouping at the level above the paragraph at the index, of
+    // the given tag or of any tag when none is given, which then comes back; 0 for none.
+    quint64 lastEnumerationIndexOfGrouping(HXTextTagRef *tag, qsizetype level,
+                                           quint64 paragraphIndex) const;
+    // The text of the first paragraph in the range that has more than white space, without tags
+    // and entities, trimmed; null when there is none.
+    QString stringWithTitleFromRange(HXRange range, HXRange *titleRange = nullptr) const;
+    // The lowest heading level of the text, or not-found.
+    quint64 highestHeadingLevel() const;
+    bool containsFileWrapper() const;
+    // Bookmarks of the paragraphs that start in the range, by the paragraph's location.
+    QMap<quint64, HXBookmarkRef> bookmarksInRange(HXRange range) const;
+    virtual HXDefinitionSelector definitionSelectorForInsertingInRange(HXRange range) const;
+    QString stringByRemovingObjects() const;
+    QString stringByRemovingObjectsAndTags() const;
+
+    // --- Elements and text -------------------------------------------------------------------
+    void enumerateStringsAndAtomsInRange(HXRange range, const HXStringsAndAtomsBlock &block) const;
+    // Elements of the range whose definition's scope bit is in the mask, outer ones first.
+    void enumerateElementsInRange(HXRange range, HXDefinitionSelector scopes,
+                                  const HXElementsBlock &block) const;
+    // For each atom of the paragraphs' prefixes that starts in the range: its tag (nothing for an
+    // indentation), the location of its first visible character and the length from there.
+    void enumerateVisibleTagsInRange(
+        HXRange range,
+        const std::function<void(const HXTextTagRef &, quint64, quint64, bool &)> &block) const;
+    HXRange rangeOfTextElement(const HXTextElement &element) const;
+    HXTextElementRef textElementStartingAtIndex(quint64 index,
+                                                HXRange *effectiveRange = nullptr) const;
+    // Splits the range at the given ranges: block(piece, isInOneOfThem, stop).
+    void enumerateRange(HXRange range, const QList<HXRange> &splittingRanges,
+                        const std::function<void(HXRange, bool, bool &)> &block) const;
+    // The text of the range that counts as words.
+    QString countableStringFromRange(HXRange range) const;
+    // A short plain preview of the range.
+    QString previewStringFromRange(HXRange range, quint64 maximumLength) const;
+    // Copies all the text into another string, in its markup, at its end.
+    void copyToString(HXMutableString &target) const;
+    void appendToString(HXMutableString &target, bool insertSeparator) const;
+
+    // --- Editing: only mutable strings -------------------------------------------------------
+    virtual bool isMutable() const { return false; }
+    virtual void replaceCharactersInRange(HXRange range, const HXChunk &string,
+                                          HXRange *editedRange = nullptr,
+                                          HXRange *affectedRange = nullptr,
+                                          HXRange *replacementRange = nullptr);
+    void replaceCharactersInRange(HXRange range, const QString &string) override {
+        replaceCharactersInRange(range, HXChunk(string));
+    }
+    void insertString(const QString &string, quint64 index);
+    void deleteCharactersInRange(HXRange range);
+    void appendString(const QString &string);
+    void setString(const QString &string);
+
+    bool isEqualToChunkString(const HXChunkString &other) const override;
+    bool isOfClassOf(const HXChunkString &other) const override;
+    QString description() const override;
+    void checkInvariants(bool deep = true) const override;
+
+protected:
+    void initWithChunkString(const HXChunkString &other, HXRange range) override;
+
+    // Runs the block under the read or the write lock of the locking context, if there is one.
+    template<typename F>
+    auto reading(F &&block) const -> decltype(block());
+    template<typename F>
+    auto writing(F &&block) const -> decltype(block());
+
+    // The number of the last grouping of the tag at the level before the paragraph, walking back
+    // over the paragraphs by their place in the list.
+    quint64 lastEnumerationIndexOfGrouping(const QList<HXChunk> &paragraphs, qsizetype ordinal,
+                                           HXTextTagRef *tag, qsizetype level) const;
+
+    std::shared_ptr<HXMarkup> m_markup;
+    HXDefinitionSelector m_recognizedDefinitions = HXDefaultDefinitionSelector;
+};
+
+template<typename F>
+auto HXString::reading(F &&block) const -> decltype(block()) {
+    const std::shared_ptr<HXLockingContext> context = lockingContext().lock();
+    if (!context)
+        return block();
+    using Result = decltype(block());
+    if constexpr (std::is_void_v<Result>) {
+        context->read([&] { block(); });
+    } else {
+        std::optional<Result> result;
+        context->read([&] { result.emplace(block()); });
+        return std::move(*result);
+    }
+}
+
+template<typename F>
+auto HXString::writing(F &&block) const -> decltype(block()) {
+    const std::shared_ptr<HXLockingContext> context = lockingContext().lock();
+    if (!context)
+        return block();
+    using Result = decltype(block());
+    if constexpr (std::is_void_v<Result>) {
+        context->write([&] { block(); });
+    } else {
+        std::optional<Result> result;
+        context->write([&] { result.emplace(block()); });
+        return std::move(*result);
+    }
+}
+
+using HXStringRef = std::shared_ptr<HXString>;

@@ -1,0 +1,406 @@
+#include "Text/String/Nodes/HXParagraph.h"
+
+#include "Text/Markup/HXMarkup.h"
+#include "Text/String/Parser/HXTextParser.h"
+#include "Utilities/HXAssert.h"
+
+#include <QRegularExpression>
+
+// --- Making paragraphs ----------------------------------------------------------------------
+
+std::shared_ptr<HXParagraph>
+HXParagraph::paragraphWithString(const QString &string, const std::shared_ptr<HXMarkup> &markup,
+                                 HXDefinitionSelector recognizedDefinitions,
+                                 const HXParagraph *bookmarkSource) {
+    auto paragraph = std::make_shared<HXParagraph>();
+    paragraph->m_markup = markup;
+    paragraph->m_recognizedDefinitions = recognizedDefinitions;
+    if (bookmarkSource)
+        paragraph->m_bookmark = bookmarkSource->m_bookmark;
+    if (string.isEmpty())
+        paragraph->updateAtoms(std::nullopt);
+    else
+        paragraph->setString(string);
+    return paragraph;
+}
+
+std::shared_ptr<HXParagraph> HXParagraph::paragraphWithTag(
+    const HXTextTagRef &tag, const QList<HXTextTagRef> &groupings, const QList<quint64> &indexes,
+    const QList<HXTextTagRef> &preferredTags, const std::shared_ptr<HXMarkup> &markup) {
+    auto paragraph = std::make_shared<HXParagraph>();
+    paragraph->m_markup = markup;
+    QList<HXTextTagRef> prefix = groupings;
+    if (tag)
+        prefix.append(tag);
+    QStringList strings;
+    for (qsizetype i = 0; i < prefix.size(); ++i) {
+        const HXTextTagRef preferred = preferredTags.value(i);
+        const quint64 index = indexes.value(i, 1);
+        strings.append(
+            HXTextParser::stringMatchingPart(0, preferred ? preferred.get() : prefix.at(i).get(),
+                                             QString(), [index] { return index; }));
+    }
+    paragraph->setGroupings(groupings, tag, strings);
+    return paragraph;
+}
+
+void HXParagraph::setString(const QString &string) {
+    setHeadChunk(HXChunk());
+    m_groupings.clear();
+    m_tag = nullptr;
+    setInnerChunks(string.isEmpty() ? QList<HXChunk>{} : QList<HXChunk>{string});
+    HXTextParser::reparseParagraph(*this);
+}
+
+void HXParagraph::setRecognizedDefinitions(HXDefinitionSelector recognizedDefinitions) {
+    if (recognizedDefinitions == m_recognizedDefinitions)
+        return;
+    m_recognizedDefinitions = recognizedDefinitions;
+    HXTextParser::reparseParagraph(*this);
+}
+
+// --- The prefix -----------------------------------------------------------------------------
+
+const HXChunkString *HXParagraph::headStringInPlace() const {
+    const HXChunk &head = headChunk();
+    if (!head || !firstChunk().isIdenticalTo(head))
+        return nullptr;
+    return head.chunkString();
+}
+
+QList<HXTextAtomRef> HXParagraph::prefixAtoms() const {
+    QList<HXTextAtomRef> atoms;
+    if (const HXChunkString *head = headStringInPlace()) {
+        for (const HXChunk &chunk : head->allChunks())
+            atoms.append(chunk.pointerAs<HXTextAtom>());
+    }
+    return atoms;
+}
+
+HXTextAtomRef HXParagraph::tagString() const {
+    const QList<HXTextAtomRef> atoms = prefixAtoms();
+    return m_tag && !atoms.isEmpty() ? atoms.last() : nullptr;
+}
+
+QList<HXTextAtomRef> HXParagraph::groupTagStrings() const {
+    return prefixAtoms().mid(0, m_groupings.size());
+}
+
+void HXParagraph::setGroupings(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
+                               const QStringList &strings) {
+    HX_ASSERT(strings.size() == groupings.size() + (tag ? 1 : 0), u"Mismatching number of strings");
+    m_groupings = groupings;
+    m_tag = tag;
+    updateAtoms(strings);
+}
+
+void HXParagraph::updateAtoms(const std::optional<QStringList> &strings,
+                              const HXIndexProvider &indexProvider) {
+    QList<HXTextTagRef> prefix = m_groupings;
+    if (m_tag)
+        prefix.append(m_tag);
+    const QList<HXTextAtomRef> present = prefixAtoms();
+    std::shared_ptr<HXChunkString> head;
+    if (!prefix.isEmpty()) {
+        head = std::make_shared<HXChunkString>();
+        for (qsizetype level = 0; level < prefix.size(); ++level) {
+            HXTextAtomRef atom;
+            if (strings)
+                atom = HXTextAtom::atomWithParagraph(*this, prefix.at(level), strings->at(level),
+                                                     indexProvider, level);
+            else if (level < present.size() && present.at(level))
+                atom = HXTextAtom::copyOfAtom(*present.at(level), prefix.at(level), indexProvider,
+                                              level);
+            else
+                atom = HXTextAtom::atomWithParagraph(*this, prefix.at(level), QString(),
+                                                     indexProvider, level);
+            head->appendChunk(HXChunk(atom));
+        }
+    }
+    setHeadChunk(head && head->length() > 0 ? HXChunk(head) : HXChunk());
+}
+
+void HXParagraph::setMarkup(const std::shared_ptr<HXMarkup> &markup,
+                            const HXIndexProvider &indexProvider) {
+    const QList<HXTextAtomRef> atoms = prefixAtoms();
+    auto convert = [&](const HXTextTagRef &tag, qsizetype level) -> HXTextTagRef {
+        if (!tag || !markup)
+            return tag;
+        const QString text = level < atoms.size() && atoms.at(level)
+                                 ? atoms.at(level)->stringRepresentation()
+                                 : QString();
+        const HXTextTagRef found = markup->tagWithIdentifier(tag->definition()->identifier(), text);
+        return found ? found : tag;
+    };
+    for (qsizetype level = 0; level < m_groupings.size(); ++level)
+        m_groupings[level] = convert(m_groupings.at(level), level);
+    m_tag = convert(m_tag, m_groupings.size());
+    updateAtoms(std::nullopt, indexProvider);
+    HXTextNode::setMarkup(markup);
+    HXTextParser::reparseParagraph(*this);
+}
+
+bool HXParagraph::noParsingInside() const {
+    if (m_tag && m_tag->definition()->noParsingInside())
+        return true;
+    return !m_groupings.isEmpty() && m_groupings.last() &&
+           m_groupings.last()->definition()->noParsingInside();
+}
+
+bool HXParagraph::endsInLineFeed() const {
+    const quint64 total = length();
+    return total > 0 && characterAtIndex(total - 1) == QLatin1Char('\n');
+}
+
+void HXParagraph::getReplacement(QString *replacement, HXRange *range,
+                                 const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
+                                 const HXIndexProvider &indexProvider) const {
+    QList<HXTextTagRef> oldTags = m_groupings;
+    if (m_tag)
+        oldTags.append(m_tag);
+    QStringList oldStrings;
+    for (const HXTextAtomRef &atom : prefixAtoms())
+        oldStrings.append(atom ? atom->stringRepresentation() : QString());
+    QList<HXTextTagRef> newTags = groupings;
+    if (tag)
+        newTags.append(tag);
+
+    QString text;
+    for (qsizetype level = 0; level < newTags.size(); ++level) {
+        const HXTextTagRef &newTag = newTags.at(level);
+        const qsizetype old = oldTags.indexOf(newTag);
+        if (old >= 0 && old < oldStrings.size()) {
+            text += oldStrings.takeAt(old);
+            oldTags.removeAt(old);
+            continue;
+        }
+        text += HXTextParser::stringMatchingPart(0, newTag.get(), QString(), [&]() -> quint64 {
+            const quint64 index = indexProvider ? indexProvider(level) : 0;
+            return index > 0 ? index : 1;
+        });
+    }
+    if (replacement)
+        *replacement = text;
+    if (range) {
+        const HXChunkString *head = headStringInPlace();
+        *range = HXRange{0, head ? head->length() : 0};
+    }
+}
+
+// --- Editing --------------------------------------------------------------------------------
+
+void HXParagraph::replaceCharactersInRange(HXRange range, const HXChunk &string,
+                                           HXRange *editedRange, HXRange *affectedRange,
+                                           HXRange *replacementRange) {
+    const quint64 stringLength = string.length();
+    const bool endsInLineFeed =
+        stringLength > 0 && string.characterAtIndex(stringLength - 1) == QLatin1Char('\n');
+    if (endsInLineFeed)
+        HX_ASSERT(range.max() == length(), u"Inserting newlines must happen at paragraoh end.");
+
+    // A line feed never goes into an element: it is cut off and put behind all.
+    HXChunk inserted = string;
+    bool lineFeedCut = false;
+    if (endsInLineFeed && range.location < length()) {
+        const quint64 key = chunkIndexLessThanOrEqualToIndex(range.location);
+        if (chunkAtIndex(key).as<HXTextNode>()) {
+            inserted = HXChunk(string.string().chopped(1));
+            lineFeedCut = true;
+        }
+    }
+
+    HXRange edited, affected, replacement;
+    HXTextNode::replaceCharactersInRange(range, inserted, &edited, &affected, &replacement);
+    if (lineFeedCut) {
+        appendChunk(HXChunk(QStringLiteral("\n")));
+        replacement.length += 1;
+    }
+
+    const quint64 lengthBeforeParse = length();
+    HXRange changedText, changedStructure;
+    HXTextParser::reparseParagraph(*this, &changedText, &changedStructure);
+    if (!changedText.isNotFound()) {
+        if (changedText.location < edited.location) {
+            edited.length += edited.location - changedText.location;
+            edited.location = changedText.location;
+        }
+        const quint64 end = edited.location + stringLength;
+        if (changedText.max() > end)
+            edited.length += changedText.max() - end;
+    }
+    if (!changedStructure.isNotFound()) {
+        if (changedStructure.location < affected.location) {
+            affected.length += affected.location - changedStructure.location;
+            affected.location = changedStructure.location;
+        }
+        if (changedStructure.max() > replacement.max())
+            affected.length += changedStructure.max() - replacement.max();
+        replacement = HXUnionRange(replacement, changedStructure);
+        replacement.length += length() - lengthBeforeParse;
+    }
+    if (editedRange)
+        *editedRange = edited;
+    if (affectedRange)
+        *affectedRange = affected;
+    if (replacementRange)
+        *replacementRange = replacement;
+}
+
+void HXParagraph::appendChunkString(const HXChunkString &string, HXRange *editedRange) {
+    const quint64 start = length();
+    HXChunkString::appendChunkString(string);
+    HXRange changedText;
+    HXTextParser::reparseParagraph(*this, &changedText, nullptr);
+    HXRange edited{start, string.length()};
+    if (!changedText.isNotFound())
+        edited = HXUnionRange(edited, changedText);
+    if (editedRange)
+        *editedRange = edited;
+}
+
+std::shared_ptr<HXChunkString> HXParagraph::substringWithRange(HXRange range) const {
+    auto copy = std::static_pointer_cast<HXParagraph>(copyWithRange(range));
+    HXTextParser::reparseParagraph(*copy);
+    return copy;
+}
+
+// --- Walking --------------------------------------------------------------------------------
+
+bool HXParagraph::enumerateStringsAndAtomsInRange(HXRange range, const HXOpenTags &openTags,
+                                                  quint64 offset,
+                                                  const HXStringsAndAtomsBlock &block) const {
+    HXOpenTags tags = openTags;
+    if (const HXChunkString *head = headStringInPlace()) {
+        quint64 location = 0;
+        bool stop = false;
+        for (const HXChunk &chunk : head->allChunks()) {
+            const HXTextAtom *atom = chunk.as<HXTextAtom>();
+            const HXTextTagRef tag = atom ? atom->tag() : nullptr;
+            if (tag)
+                tags.append(tag);
+            const HXRange atomRange{location, chunk.length()};
+            const HXRange part = HXIntersectionRange(range, atomRange);
+            if (part.length > 0) {
+                const HXChunk piece =
+                    part == atomRange
+                        ? chunk
+                        : chunk.substringWithRange(HXRange{part.location - location, part.length});
+                block(piece, tag != nullptr, part.location + offset, part.length, tags, stop);
+                if (stop)
+                    return false;
+            }
+            location += chunk.length();
+        }
+    }
+    const HXRange inner = HXIntersectionRange(range, innerChunkRange());
+    if (inner.length == 0)
+        return true;
+    return enumerateChunksAsStringsAndAtoms(inner, tags, offset, block);
+}
+
+// --- Text without structure -----------------------------------------------------------------
+
+QString HXParagraph::stringByRemovingObjectsAndTags() const {
+    QString text;
+    for (const HXChunk &chunk : innerChunks()) {
+        if (const HXTextNode *node = chunk.as<HXTextNode>())
+            text += node->stringByRemovingObjectsAndTags();
+        else if (const HXTextAtom *atom = chunk.as<HXTextAtom>())
+            text += atom->stringRepresentation();
+        else
+            text += chunk.string();
+    }
+    static const QRegularExpression whitespace(QStringLiteral("\\s+"));
+    const bool hadLineFeed = text.endsWith(QLatin1Char('\n'));
+    text.replace(whitespace, QStringLiteral(" "));
+    text = text.trimmed();
+    text.remove(QLatin1Char('\\'));
+    if (hadLineFeed)
+        text += QLatin1Char('\n');
+    return text;
+}
+
+bool HXParagraph::isCountable() const {
+    auto countable = [](const HXTextTagRef &tag) {
+        return !tag || !(tag->definition()->countingOptions() & HXCountingNotCountable);
+    };
+    return countable(m_tag) && std::all_of(m_groupings.begin(), m_groupings.end(), countable);
+}
+
+// --- Copying and comparing ------------------------------------------------------------------
+
+std::shared_ptr<HXChunkString> HXParagraph::copyWithRange(HXRange range) const {
+    auto copy = std::make_shared<HXParagraph>();
+    copy->initWithChunkString(*this, range);
+    return copy;
+}
+
+void HXParagraph::initWithChunkString(const HXChunkString &other, HXRange range) {
+    HXTextNode::initWithChunkString(other, range);
+    const auto &source = static_cast<const HXParagraph &>(other);
+    m_recognizedDefinitions = source.m_recognizedDefinitions;
+    m_bookmark = source.m_bookmark;
+    const HXChunkString *head = headStringInPlace();
+    if (!head) {
+        // The prefix stayed behind; so do its tags.
+        setHeadChunk(HXChunk());
+        return;
+    }
+    m_groupings = source.m_groupings;
+    m_tag = source.m_tag;
+    // The atoms came along shared with the source; this paragraph gets its own.
+    auto ownHead = std::make_shared<HXChunkString>();
+    for (const HXChunk &chunk : head->allChunks()) {
+        if (const HXTextAtom *atom = chunk.as<HXTextAtom>())
+            ownHead->appendChunk(HXChunk(HXTextAtom::copyOfAtom(*atom, *this)));
+        else
+            ownHead->appendChunk(chunk);
+    }
+    setHeadChunk(HXChunk(ownHead));
+}
+
+bool HXParagraph::isOfClassOf(const HXChunkString &other) const {
+    return dynamic_cast<const HXParagraph *>(&other) != nullptr;
+}
+
+bool HXParagraph::isEqualToChunkString(const HXChunkString &other) const {
+    const auto *paragraph = dynamic_cast<const HXParagraph *>(&other);
+    if (!paragraph || !HXTextNode::isEqualToChunkString(other))
+        return false;
+    auto sameTag = [](const HXTextTagRef &a, const HXTextTagRef &b) {
+        return a == b || (a && b && a->isEqual(*b));
+    };
+    if (!sameTag(m_tag, paragraph->m_tag) || m_groupings.size() != paragraph->m_groupings.size())
+        return false;
+    for (qsizetype i = 0; i < m_groupings.size(); ++i) {
+        if (!sameTag(m_groupings.at(i), paragraph->m_groupings.at(i)))
+            return false;
+    }
+    return true;
+}
+
+QString HXParagraph::description() const {
+    QStringList prefix;
+    for (const HXTextTagRef &grouping : m_groupings)
+        prefix.append(grouping ? grouping->definition()->identifier() : QStringLiteral("indent"));
+    if (m_tag)
+        prefix.append(m_tag->definition()->identifier());
+    return QStringLiteral("<HXParagraph [%1]%2 %3>")
+        .arg(prefix.join(QStringLiteral(", ")),
+             m_bookmark ? QStringLiteral(" bookmarked") : QString(), HXTextNode::description());
+}
+
+void HXParagraph::checkInvariants(bool deep) const {
+    HXTextNode::checkInvariants(deep);
+    if (const HXChunkString *head = headStringInPlace()) {
+        HX_ASSERT(head->numberOfMapEntries() - 1 == m_groupings.size() + (m_tag ? 1 : 0),
+                  u"Mismatching number of strings");
+        for (const HXChunk &chunk : head->allChunks())
+            HX_ASSERT(chunk.as<HXTextAtom>(), u"Head chunk of %@ holds no atom.", description());
+    } else if (!headChunk()) {
+        HX_ASSERT(m_groupings.isEmpty() && !m_tag, u"Mismatching number of strings");
+    }
+    const qsizetype lineFeed = string().indexOf(QLatin1Char('\n'));
+    HX_ASSERT(lineFeed < 0 || quint64(lineFeed) == length() - 1, u"Line feed inside paragraph %@.",
+              description());
+}

@@ -1,0 +1,325 @@
+#include "Text/String/Nodes/HXTextElement.h"
+
+#include "Text/Markup/HXMarkup.h"
+#include "Utilities/HXAssert.h"
+
+namespace {
+
+// The text of a tag chunk as a new atom would take it: nothing for an entity's atom or for no
+// chunk, the characters otherwise.
+QString textOfTagChunk(const HXChunk &chunk) {
+    if (chunk.length() == 0)
+        return QString();
+    if (const HXTextAtom *atom = chunk.as<HXTextAtom>())
+        return atom->stringRepresentation();
+    return chunk.string();
+}
+
+} // namespace
+
+// --- Making elements ------------------------------------------------------------------------
+
+void HXTextElement::initWithTag(const HXTextTagRef &tag, const std::shared_ptr<HXMarkup> &markup) {
+    m_markup = markup;
+    m_tag = tag;
+    m_definition = tag ? tag->definition() : nullptr;
+    updateAtomsWithHead(QString(), QString());
+}
+
+std::shared_ptr<HXTextElement>
+HXTextElement::elementWithTag(const HXTextTagRef &tag, const std::shared_ptr<HXMarkup> &markup,
+                              bool closed) {
+    auto element = std::make_shared<HXTextElement>();
+    element->initWithTag(tag, markup);
+    if (closed)
+        element->setClosed(true);
+    return element;
+}
+
+std::shared_ptr<HXTextElement>
+HXTextElement::elementWithAttributes(const QVariantMap &attributes, const HXTextTagRef &tag,
+                                     const std::shared_ptr<HXMarkup> &markup) {
+    const quint64 scope = tag->definition()->scope();
+    HX_ASSERT(scope == HXAttributedTextScope || scope == HXObjectScope,
+              u"Only attributed text or object scope allowed!");
+    auto element = elementWithTag(tag, markup);
+    if (element->m_attributes) {
+        for (auto it = attributes.constBegin(); it != attributes.constEnd(); ++it)
+            element->m_attributes->setObject(it.value(), it.key());
+    }
+    return element;
+}
+
+std::shared_ptr<HXTextElement>
+HXTextElement::elementWithURLString(const QString &urlString, const QString &title,
+                                    const HXTextTagRef &tag,
+                                    const std::shared_ptr<HXMarkup> &markup) {
+    HX_ASSERT(tag->definition()->scope() == HXAttributedTextScope,
+              u"Only attributed text scope allowed!");
+    auto element = elementWithTag(tag, markup);
+    if (element->m_attributes) {
+        for (const HXTagAttributeRef &attribute : tag->definition()->attributes()) {
+            if (attribute->kind() == HXTagAttributeKindURL) {
+                element->m_attributes->setObject(urlString, attribute->identifier());
+                break;
+            }
+        }
+    }
+    if (!title.isEmpty())
+        element->appendChunk(title);
+    return element;
+}
+
+// --- Tags and atoms -------------------------------------------------------------------------
+
+void HXTextElement::setTag(const HXTextTagRef &tag, const QString &string) {
+    if (tag && m_definition)
+        HX_ASSERT(HXDefinitionsEqual(tag->definition(), m_definition),
+                  u"Must not change definition of an element.");
+    if (tag && !m_definition)
+        m_definition = tag->definition();
+    m_tag = tag;
+    updateAtomsWithHead(string, QString());
+}
+
+void HXTextElement::setClosed(bool closed, const QString &string) {
+    m_closed = closed;
+    updateAtomsWithHead(QString(), string);
+}
+
+bool HXTextElement::isIntact() const {
+    if (!m_headAtom || !firstChunk().isIdenticalTo(HXChunk(m_headAtom)))
+        return false;
+    if (m_closed && !m_isObject)
+        return m_tailAtom && lastChunk().isIdenticalTo(HXChunk(m_tailAtom));
+    return true;
+}
+
+void HXTextElement::updateAtomsWithHead(const QString &givenHead, const QString &givenTail) {
+    const QString head = givenHead.isNull() ? textOfTagChunk(headChunk()) : givenHead;
+    const QString tail = givenTail.isNull() ? textOfTagChunk(tailChunk()) : givenTail;
+
+    if (m_definition) {
+        const quint64 scope = m_definition->scope();
+        m_isObject = m_isObject || scope == HXObjectScope;
+        m_isEntity = m_isEntity || m_isObject ||
+                     (m_closed && (scope == HXAttributedTextScope || scope == HXObjectScope));
+        if (m_isEntity && !m_attributes && !m_definition->attributes().isEmpty()) {
+            m_attributes = std::make_shared<HXAttributeDictionary>(m_definition, m_markup);
+            m_attributes->setLockingContext(lockingContext());
+        }
+    }
+
+    bool converted = false;
+    if (m_headAtom && m_tailAtom && m_tag) {
+        auto newHead = HXTextAtom::copyOfAtom(*m_headAtom, m_tag, {}, 0, head);
+        auto newTail = HXTextAtom::copyOfAtom(*m_tailAtom, m_tag, {}, 0, tail);
+        if (newHead->tag() && newTail->tag()) {
+            m_headAtom = std::move(newHead);
+            m_tailAtom = std::move(newTail);
+            converted = true;
+        }
+    }
+    if (!converted) {
+        m_headAtom = m_definition ? HXTextAtom::atomWithTextElement(*this, 0, head) : nullptr;
+        m_tailAtom = m_definition ? HXTextAtom::atomWithTextElement(*this, 1, tail) : nullptr;
+    }
+
+    setHeadChunk(HXChunk(m_headAtom));
+    setTailChunk(m_closed && !m_isObject ? HXChunk(m_tailAtom) : HXChunk());
+}
+
+QString HXTextElement::startTagString() const {
+    if (!m_headAtom)
+        return QString();
+    if (!m_headAtom->isEntityAtom())
+        return m_headAtom->stringRepresentation();
+    return m_tag ? m_tag->plainStrings().value(0) : QString();
+}
+
+QString HXTextElement::endTagString() const {
+    if (!m_tailAtom)
+        return QString();
+    if (!m_tailAtom->isEntityAtom())
+        return m_tailAtom->stringRepresentation();
+    return m_tag ? m_tag->plainStrings().value(1) : QString();
+}
+
+void HXTextElement::setMarkup(const std::shared_ptr<HXMarkup> &markup) {
+    if (m_definition && markup)
+        m_tag = markup->tagWithIdentifier(m_definition->identifier(), startTagString());
+    if (m_attributes)
+        m_attributes->setMarkup(markup);
+    HXTextNode::setMarkup(markup);
+    // The tag texts follow the new tag where it writes them differently.
+    if (m_tag && isIntact())
+        updateAtomsWithHead(QString(), QString());
+}
+
+// --- Editing --------------------------------------------------------------------------------
+
+void HXTextElement::replaceCharactersInRange(HXRange range, const HXChunk &string,
+                                             HXRange *editedRange, HXRange *affectedRange,
+                                             HXRange *replacementRange) {
+    HX_ASSERT(!m_isObject, u"Object cannot be edited!");
+    if (!m_isEntity) {
+        HXTextNode::replaceCharactersInRange(range, string, editedRange, affectedRange,
+                                             replacementRange);
+        return;
+    }
+    // An entity's atoms can't be cut: the range is held to the inner text.
+    const HXRange inner = innerChunkRange();
+    HXRange clamped = range;
+    if (clamped.location < inner.location) {
+        const quint64 distance = inner.location - clamped.location;
+        clamped.length = clamped.length > distance ? clamped.length - distance : 0;
+        clamped.location = inner.location;
+    }
+    if (clamped.location > inner.max()) {
+        clamped.location = inner.max();
+        clamped.length = 0;
+    }
+    if (clamped.max() > inner.max())
+        clamped.length = inner.max() - clamped.location;
+
+    HXRange affected = clamped, replacement{clamped.location, string.length()};
+    if (clamped.length == 0 && clamped.location == inner.max() && inner.max() < length()) {
+        // Text typed at the end of the inner text would land in the end tag's atom.
+        replaceChunksInRange(HXRange{clamped.location, 0}, HXChunksOfString(string));
+    } else {
+        HXRange edited;
+        HXTextNode::replaceCharactersInRange(clamped, string, &edited, &affected, &replacement);
+    }
+    if (editedRange)
+        *editedRange = clamped;
+    if (affectedRange)
+        *affectedRange = affected;
+    if (replacementRange)
+        *replacementRange = replacement;
+}
+
+// --- Text without structure -----------------------------------------------------------------
+
+QString HXTextElement::stringByRemovingObjects() const {
+    if (m_isObject)
+        return QString();
+    QString result = startTagString();
+    for (const HXChunk &chunk : innerChunks()) {
+        if (const HXTextNode *node = chunk.as<HXTextNode>())
+            result += node->stringByRemovingObjects();
+        else
+            result += chunk.string();
+    }
+    if (m_closed)
+        result += endTagString();
+    result.remove(QChar(HXTextAtom::objectReplacementCharacter));
+    return result;
+}
+
+QString HXTextElement::stringByRemovingObjectsAndTags() const {
+    QString result;
+    for (const HXChunk &chunk : innerChunks()) {
+        if (const HXTextNode *node = chunk.as<HXTextNode>())
+            result += node->stringByRemovingObjectsAndTags();
+        else
+            result += chunk.string();
+    }
+    return result;
+}
+
+bool HXTextElement::isCountable() const {
+    return !m_definition || !(m_definition->countingOptions() & HXCountingNotCountable);
+}
+
+void HXTextElement::enumerateCountedAttributes(
+    const std::function<void(const QString &, const QVariant &, const HXTagAttribute &)> &block)
+    const {
+    if (!m_attributes ||
+        (m_definition && (m_definition->countingOptions() & HXCountingAttributesNotCounted)))
+        return;
+    m_attributes->enumerateAttributes(block);
+}
+
+// --- Copying and comparing ------------------------------------------------------------------
+
+std::shared_ptr<HXChunkString> HXTextElement::copyWithRange(HXRange range) const {
+    auto copy = std::make_shared<HXTextElement>();
+    copy->initWithChunkString(*this, range);
+    return copy;
+}
+
+void HXTextElement::initWithChunkString(const HXChunkString &other, HXRange range) {
+    HXTextNode::initWithChunkString(other, range);
+    const auto &source = static_cast<const HXTextElement &>(other);
+    m_closed = source.m_closed;
+    m_isEntity = source.m_isEntity;
+    m_isObject = source.m_isObject;
+    m_tag = source.m_tag;
+    m_definition = source.m_definition;
+    m_attributes = source.m_attributes ? source.m_attributes->copy() : nullptr;
+    // The atoms that came along are the source's; the copy gets its own.
+    if (source.m_headAtom) {
+        const bool headCame = headChunk().isIdenticalTo(HXChunk(source.m_headAtom));
+        m_headAtom = HXTextAtom::copyOfAtom(*source.m_headAtom, *this);
+        if (headCame)
+            setHeadChunk(HXChunk(m_headAtom));
+    }
+    if (source.m_tailAtom) {
+        const bool tailCame = tailChunk().isIdenticalTo(HXChunk(source.m_tailAtom));
+        m_tailAtom = HXTextAtom::copyOfAtom(*source.m_tailAtom, *this);
+        if (tailCame)
+            setTailChunk(HXChunk(m_tailAtom));
+    }
+}
+
+bool HXTextElement::isOfClassOf(const HXChunkString &other) const {
+    return dynamic_cast<const HXTextElement *>(&other) != nullptr;
+}
+
+bool HXTextElement::isEqualToChunkString(const HXChunkString &other) const {
+    const auto *element = dynamic_cast<const HXTextElement *>(&other);
+    if (!element || !HXTextNode::isEqualToChunkString(other))
+        return false;
+    if (m_closed != element->m_closed || m_isObject != element->m_isObject ||
+        m_isEntity != element->m_isEntity)
+        return false;
+    if (bool(m_tag) != bool(element->m_tag) || (m_tag && !m_tag->isEqual(*element->m_tag)))
+        return false;
+    if (!HXDefinitionsEqual(m_definition, element->m_definition))
+        return false;
+    if (bool(m_attributes) != bool(element->m_attributes))
+        return false;
+    return !m_attributes || m_attributes->isEqual(*element->m_attributes);
+}
+
+void HXTextElement::setLockingContext(const std::weak_ptr<HXLockingContext> &context) {
+    HXTextNode::setLockingContext(context);
+    if (m_attributes)
+        m_attributes->setLockingContext(context);
+}
+
+QString HXTextElement::description() const {
+    return QStringLiteral("<HXTextElement %1%2%3%4 %5>")
+        .arg(m_definition ? m_definition->identifier() : QStringLiteral("(no definition)"),
+             m_closed ? QStringLiteral(" closed") : QString(),
+             m_isEntity ? QStringLiteral(" entity") : QString(),
+             isIntact() ? QString() : QStringLiteral(" broken"), HXTextNode::description());
+}
+
+void HXTextElement::checkInvariants(bool deep) const {
+    HXTextNode::checkInvariants(deep);
+    if (m_definition) {
+        HX_ASSERT(m_isObject == (m_definition->scope() == HXObjectScope),
+                  u"Object flag of %@ does not follow its definition.", description());
+    }
+    HX_ASSERT(!m_isObject || m_isEntity, u"Object %@ is no entity.", description());
+    if (isIntact()) {
+        HX_ASSERT(headChunk().isIdenticalTo(HXChunk(m_headAtom)),
+                  u"Head atom of %@ is not its head chunk.", description());
+        if (!m_closed || m_isObject)
+            HX_ASSERT(tailChunk().isNull(), u"Element %@ without end tag has a tail chunk.",
+                      description());
+    }
+    HX_ASSERT(!string().contains(QLatin1Char('\n')), u"Line feed inside element %@.",
+              description());
+}

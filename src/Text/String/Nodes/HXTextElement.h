@@ -1,0 +1,97 @@
+#pragma once
+
+#include "Text/String/Atoms/HXTextAtom.h"
+#include "Text/String/Meta/HXAttributeDictionary.h"
+#include "Text/String/Nodes/HXTextNode.h"
+
+#include <QVariantMap>
+
+// An inline run of text between a start and an end tag: `**strong**`, a link, an image. Its
+// chunks are the start tag's atom, the inner chunks and, once closed, the end tag's atom; an
+// element without its end tag runs to the end of its paragraph's text. An entity (a closed link
+// or annotation, any object) is an opaque unit: its atoms are each one U+FFFC, its meaning lies
+// in its attributes, and editing can't cut into its atoms. An object has no inner text at all.
+// The element keeps its definition when a change of markup takes its tag away.
+//
+// Invariants (checkInvariants): object exactly when the definition has the object scope; entity
+// for every object; when intact, the head atom is the first chunk and the tail atom the last
+// exactly when closed and no object; no line feed inside.
+class HXTextElement : public HXTextNode {
+public:
+    // A new element of the tag, not closed; its start tag text is made from the pattern.
+    static std::shared_ptr<HXTextElement> elementWithTag(const HXTextTagRef &tag,
+                                                         const std::shared_ptr<HXMarkup> &markup,
+                                                         bool closed = true);
+    // A closed entity of a tag of the attributed text or object scope, with attributes.
+    static std::shared_ptr<HXTextElement>
+    elementWithAttributes(const QVariantMap &attributes, const HXTextTagRef &tag,
+                          const std::shared_ptr<HXMarkup> &markup);
+    // A closed entity of the attributed text scope whose URL attribute and text are given.
+    static std::shared_ptr<HXTextElement>
+    elementWithURLString(const QString &urlString, const QString &title, const HXTextTagRef &tag,
+                         const std::shared_ptr<HXMarkup> &markup);
+
+    HXTextElement() = default;
+
+    const HXTextTagRef &tag() const { return m_tag; }
+    const HXDefinitionRef &definition() const { return m_definition; }
+    // Gives the element a tag of its own definition (or its first) and rebuilds its atoms, with
+    // the start tag's text when one is given.
+    void setTag(const HXTextTagRef &tag, const QString &string = QString());
+    bool isClosed() const { return m_closed; }
+    // Sets whether the end tag was found, and its text.
+    void setClosed(bool closed, const QString &string = QString());
+    bool isEntity() const { return m_isEntity; }
+    bool isObject() const { return m_isObject; }
+    // The first chunk is the head atom and, for a closed element that is no object, the last is
+    // the tail atom. An edit that cut into a tag leaves the element broken until reparsed.
+    bool isIntact() const;
+    const HXTextAtomRef &headAtom() const { return m_headAtom; }
+    const HXTextAtomRef &tailAtom() const { return m_tailAtom; }
+    const HXAttributeDictionaryRef &attributes() const { return m_attributes; }
+
+    // Derives the flags and the atoms: the start and end tag texts given, or the present ones.
+    void updateAtomsWithHead(const QString &head, const QString &tail);
+
+    // The tag texts; for an entity the tag's literal text of that part, if it has one.
+    QString startTagString() const;
+    QString endTagString() const;
+
+    void setMarkup(const std::shared_ptr<HXMarkup> &markup) override;
+    // Objects can't be edited; an entity's edits are held to its inner text.
+    using HXTextNode::replaceCharactersInRange;
+    void replaceCharactersInRange(HXRange range, const HXChunk &string,
+                                  HXRange *editedRange = nullptr, HXRange *affectedRange = nullptr,
+                                  HXRange *replacementRange = nullptr) override;
+
+    QString stringByRemovingObjects() const override;
+    QString stringByRemovingObjectsAndTags() const override;
+    bool isCountable() const override;
+    // Each attribute that counts as text: all unless the definition says they don't.
+    void enumerateCountedAttributes(const std::function<void(const QString &, const QVariant &,
+                                                             const HXTagAttribute &)> &block) const;
+
+    std::shared_ptr<HXChunkString> copyWithRange(HXRange range) const override;
+    bool isEqualToChunkString(const HXChunkString &other) const override;
+    bool isOfClassOf(const HXChunkString &other) const override;
+    void setLockingContext(const std::weak_ptr<HXLockingContext> &context) override;
+    QString description() const override;
+    void checkInvariants(bool deep = true) const override;
+
+protected:
+    void initWithChunkString(const HXChunkString &other, HXRange range) override;
+
+private:
+    void initWithTag(const HXTextTagRef &tag, const std::shared_ptr<HXMarkup> &markup);
+
+    HXTextAtomRef m_headAtom;
+    HXTextAtomRef m_tailAtom;
+    bool m_closed = false;
+    bool m_isEntity = false;
+    bool m_isObject = false;
+    HXTextTagRef m_tag;
+    HXDefinitionRef m_definition;
+    HXAttributeDictionaryRef m_attributes;
+};
+
+using HXTextElementRef = std::shared_ptr<HXTextElement>;

@@ -1,0 +1,464 @@
+// Strings: the editing door against a plain text, merging and splitting of paragraphs, structure
+// queries, paragraph walks with their rules, and the locked string under several threads.
+
+#include "HXTestSupport.h"
+#include "HXTextTestSupport.h"
+#include "Text/Markup/HXIntrinsicDefinition.h"
+#include "Text/Markup/HXMarkup.h"
+#include "Text/String/Access/HXAtomicString.h"
+
+#include <QRandomGenerator>
+
+#include <atomic>
+#include <thread>
+
+using namespace Qt::StringLiterals;
+
+// GCC 12 takes the text of a chunk built in an initializer list for uninitialized.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+namespace {
+
+using HXTestSupport::assertionText;
+using HXTextTestSupport::markup;
+using HXTextTestSupport::paragraph;
+using HXTextTestSupport::tag;
+
+HXTextElementRef element(const char *identifier, const QString &inner, bool closed = true) {
+    return HXTextTestSupport::element(identifier, {HXChunk(inner)}, closed);
+}
+
+// A text of headings, lists and elements built as a parser would leave it.
+void fillWithStructure(HXMutableString &string) {
+    string.appendParagraph(paragraph({HXChunk(u"Title\n"_s)}, tag("heading1")));
+    string.appendParagraph(
+        paragraph({HXChunk(u"Some "_s), HXChunk(element("strong", u"bold"_s)), HXChunk(u" and "_s),
+                   HXChunk(element("emph", u"open"_s, false)), HXChunk(u"\n"_s)}));
+    string.appendParagraph(HXParagraph::paragraphWithString(u"\n"_s, markup()));
+    string.appendParagraph(paragraph({HXChunk(u"item\n"_s)}, tag("unorderedList", "-")));
+    string.appendParagraph(paragraph({HXChunk(u"end "_s), HXChunk(element("code", u"x"_s))}));
+}
+
+// Every paragraph but the last ends in a line feed, and every node keeps its invariants.
+void verifyStructure(const HXString &string, const QString &oracle) {
+    QCOMPARE(string.string(), oracle);
+    string.checkInvariants();
+}
+
+struct RecordingObserver : HXStringObserver {
+    QList<HXRange> ranges;
+    HXReadWriteLock::Mode modeInside = HXReadWriteLock::Mode::None;
+    HXAtomicString *atomic = nullptr;
+    void stringChangedCharactersInRange(HXString &, HXRange range, const HXChunk &, HXRange,
+                                        HXRange, HXRange replacementRange) override {
+        ranges.append(range);
+        ranges.append(replacementRange);
+        if (atomic)
+            modeInside = atomic->lock().currentMode();
+    }
+};
+
+} // namespace
+
+class tst_HXString : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void randomEditsKeepTextAndStructure();
+    void mergingAndSplitting();
+    void forbiddenCharactersStayOut();
+    void immutableStrings();
+    void paragraphWalks();
+    void numbering();
+    void structureQueries();
+    void markupChanges();
+    void lockedStringUnderThreads();
+    void lockReentrancyAndSharing();
+};
+
+void tst_HXString::randomEditsKeepTextAndStructure() {
+    auto string = HXMutableString::stringWithMarkup(markup());
+    fillWithStructure(*string);
+    QString oracle = string->string();
+    verifyStructure(*string, oracle);
+
+    QRandomGenerator random(20261123);
+    static const QStringList alphabet{u"a"_s,  u"b"_s,      u" "_s,          u"*"_s,     u"#"_s,
+                                      u"_"_s,  u"\\"_s,     u">"_s,          u"-"_s,     u"\n"_s,
+                                      u"\n"_s, u"\u00e9"_s, u"\U0001F600"_s, u"\u0001"_s};
+    for (int step = 0; step < 4000; ++step) {
+        const quint64 total = quint64(oracle.size());
+        quint64 location = random.bounded(quint64(total + 1));
+        // Often at the very end, where a final line feed leaves no paragraph.
+        if (random.bounded(8) == 0)
+            location = total;
+        const quint64 length = std::min<quint64>(
+            random.bounded(8) == 0 ? random.bounded(30) : random.bounded(4), total - location);
+        QString text;
+        const int count = int(random.bounded(random.bounded(2) ? 3 : 12));
+        for (int i = 0; i < count; ++i)
+            text += alphabet.at(qsizetype(random.bounded(quint32(alphabet.size()))));
+        // Never split a surrogate pair of the oracle.
+        auto outsidePair = [&](quint64 index) {
+            return index == 0 || index >= total || !oracle.at(qsizetype(index)).isLowSurrogate();
+        };
+        if (!outsidePair(location) || !outsidePair(location + length))
+            continue;
+
+        HXRange replacement;
+        string->replaceCharactersInRange(HXRange{location, length}, HXChunk(text), nullptr, nullptr,
+                                         &replacement);
+        text.remove(QChar(1));
+        oracle.replace(qsizetype(location), qsizetype(length), text);
+        QCOMPARE(string->string(), oracle);
+        QVERIFY(replacement.location <= location);
+        string->checkInvariants();
+    }
+    QVERIFY(string->paragraphs().size() > 20);
+}
+
+void tst_HXString::mergingAndSplitting() {
+    auto string = HXMutableString::stringWithMarkup(markup());
+    string->appendParagraph(HXParagraph::paragraphWithString(u"one\n"_s, markup()));
+    string->appendParagraph(HXParagraph::paragraphWithString(u"two\n"_s, markup()));
+    string->appendParagraph(HXParagraph::paragraphWithString(u"three"_s, markup()));
+    const auto first = string->paragraphs().at(0), second = string->paragraphs().at(1);
+    const auto mark = HXBookmark::bookmark();
+    string->setBookmark(mark, 4);
+    QCOMPARE(assertionText([&] { string->setBookmark(mark, 5); }), u"No paragraph at index 5."_s);
+
+    // Deleting a line feed merges; the second's bookmark goes to the first, which had none.
+    HXRange edited, affected, replacement;
+    string->replaceCharactersInRange(HXRange{3, 1}, HXChunk(QString()), &edited, &affected,
+                                     &replacement);
+    QCOMPARE(string->paragraphs().size(), 2);
+    QCOMPARE(string->paragraphs().first(), first);
+    QCOMPARE(first->string(), u"onetwo\n"_s);
+    QCOMPARE(first->bookmark(), mark);
+    QCOMPARE(affected, (HXRange{3, 5}));
+    QCOMPARE(replacement, (HXRange{3, 4}));
+    Q_UNUSED(second);
+
+    // Two lines into the middle of a paragraph: the second line gets the rest.
+    string->replaceCharactersInRange(HXRange{2, 0}, HXChunk(u"A\nB"_s));
+    QCOMPARE(string->string(), u"onA\nBetwo\nthree"_s);
+    QCOMPARE(string->paragraphs().size(), 3);
+    QCOMPARE(string->paragraphs().at(1)->string(), u"Betwo\n"_s);
+    QCOMPARE(string->paragraphs().at(0)->bookmark(), mark);
+    QVERIFY(!string->paragraphs().at(1)->bookmark());
+
+    // Text ending in a line feed at the end leaves the end without a paragraph; typing there
+    // makes one.
+    string->replaceCharactersInRange(HXRange{string->length(), 0}, HXChunk(u"!\n"_s));
+    QCOMPARE(string->paragraphs().size(), 3);
+    QCOMPARE(string->paragraphRangeForRange(HXRange{string->length(), 0}),
+             (HXRange{string->length(), 0}));
+    string->replaceCharactersInRange(HXRange{string->length(), 0}, HXChunk(u"x"_s));
+    QCOMPARE(string->paragraphs().size(), 4);
+    QCOMPARE(string->paragraphRangeForRange(HXRange{string->length(), 0}),
+             (HXRange{string->length() - 1, 1}));
+    string->checkInvariants();
+
+    // Pasting a string of another markup brings it into this one.
+    const auto markdown = HXMarkup::intrinsicMarkups().value(u"markdown"_s);
+    auto other = HXMutableString::stringWithMarkup(markdown);
+    auto heading = HXParagraph::paragraphWithTag(markdown->tagWithIdentifier(u"heading2"_s), {}, {},
+                                                 {}, markdown);
+    heading->appendChunk(HXChunk(u"pasted\n"_s));
+    other->appendParagraph(heading);
+    auto pasted = other->copy();
+    other->setMarkup(markup());
+    string->replaceCharactersInRange(HXRange{0, 0}, HXChunk(pasted));
+    QCOMPARE(string->string().left(10), u"## pasted\n"_s);
+    string->checkInvariants();
+}
+
+void tst_HXString::forbiddenCharactersStayOut() {
+    auto string = HXMutableString::stringWithMarkup(markup());
+    HXRange replacement;
+    string->replaceCharactersInRange(HXRange{0, 0}, HXChunk(u"a\u0001b\u0008c\uFFFE"_s), nullptr,
+                                     nullptr, &replacement);
+    QCOMPARE(string->string(), u"abc"_s);
+    QCOMPARE(replacement, (HXRange{0, 3}));
+}
+
+void tst_HXString::immutableStrings() {
+    const auto text = HXString::stringWithString(u"a\nb"_s, markup());
+    QCOMPARE(text->string(), u"a\nb"_s);
+    QCOMPARE(text->paragraphs().size(), 2);
+    QCOMPARE(assertionText([&] { text->insertString(u"x"_s, 0); }),
+             u"Attempt to mutate immutable string!"_s);
+    QCOMPARE(assertionText([&] { text->setString(u"x"_s); }),
+             u"Attempt to mutate immutable string!"_s);
+    QCOMPARE(assertionText([&] {
+                 text->enumerateParagraphsInRange(
+                     HXRange{0, 1}, HXStringEnumerationWithModificationOption,
+                     [](const HXParagraphRef &, quint64, quint64, bool &) {});
+             }),
+             u"HXStringEnumerationWithModificationOption passed to an enumeration of an "
+             u"immutable string!"_s);
+
+    // Copies are independent; a mutable copy edits without touching the original.
+    auto editable = text->mutableCopy();
+    editable->appendString(u"c"_s);
+    QCOMPARE(editable->string(), u"a\nbc"_s);
+    QCOMPARE(text->string(), u"a\nb"_s);
+    QVERIFY(!text->isEqualToChunkString(*editable));
+    QVERIFY(text->isEqualToChunkString(*text->copy()));
+
+    // Pieces of ranges: each but the last ends in a line feed; bookmarks stay behind.
+    editable->setBookmark(HXBookmark::bookmark(), 0);
+    const auto pieces = editable->substringWithRanges({HXRange{0, 1}, HXRange{3, 1}});
+    QCOMPARE(pieces->string(), u"a\nc"_s);
+    QVERIFY(!pieces->paragraphs().first()->bookmark());
+    pieces->checkInvariants();
+}
+
+void tst_HXString::paragraphWalks() {
+    auto string = HXMutableString::stringWithMarkup(markup());
+    string->setString(u"aa\nbb\ncc\ndd"_s);
+    QStringList seen;
+    const HXRange visited = string->enumerateParagraphsInRange(
+        HXRange{1, 6}, HXStringEnumerationWithModificationOption,
+        [&](const HXParagraphRef &paragraph, quint64 location, quint64 length, bool &) {
+            seen.append(paragraph->string());
+            if (paragraph->string() == u"bb\n"_s)
+                string->deleteCharactersInRange(HXRange{location, length});
+        });
+    QCOMPARE(seen, (QStringList{u"aa\n"_s, u"bb\n"_s, u"cc\n"_s}));
+    QCOMPARE(visited, (HXRange{0, 6}));
+    QCOMPARE(string->string(), u"aa\ncc\ndd"_s);
+
+    QCOMPARE(assertionText([&] {
+                 string->enumerateParagraphsInRange(
+                     HXRange{0, 1}, [&](const HXParagraphRef &, quint64, quint64, bool &) {
+                         string->insertString(u"x"_s, 0);
+                     });
+             }),
+             u"Supply HXStringEnumerationWithModificationOption as option to "
+             u"-enumerateParagraphsInRange:options:usingBlock: in order to allow modifications."_s);
+    QCOMPARE(assertionText([&] {
+                 string->enumerateParagraphsInRange(
+                     HXRange{0, 1}, HXStringEnumerationWithModificationOption,
+                     [&](const HXParagraphRef &paragraph, quint64, quint64, bool &) {
+                         paragraph->appendChunk(HXChunk(u"y"_s));
+                     });
+             }),
+             u"Modification to paragraph not performed through string API!"_s);
+}
+
+void tst_HXString::numbering() {
+    auto string = HXMutableString::stringWithMarkup(markup());
+    string->appendParagraph(HXParagraph::paragraphWithString(u"first\n"_s, markup()));
+    string->appendParagraph(HXParagraph::paragraphWithString(u"\n"_s, markup()));
+    // The file name paragraph of a foreign sheet is left out of the numbering.
+    const auto filename = std::make_shared<HXTextTag>(
+        HXIntrinsicDefinition::intrinsicDefinitionWithIdentifier(u"filename"_s),
+        QStringList{u"@"_s});
+    string->appendParagraph(paragraph({HXChunk(u"name\n"_s)}, filename));
+    string->appendParagraph(HXParagraph::paragraphWithString(u"second\n"_s, markup()));
+    string->appendParagraph(HXParagraph::paragraphWithString(u"x"_s, markup()));
+    const QString text = string->string();
+    QCOMPARE(string->numberForParagraphAtIndex(0), 1u);
+    QCOMPARE(string->numberForParagraphAtIndex(6), HXNotFound);
+    HXRange range;
+    QCOMPARE(string->numberForParagraphAtIndex(quint64(text.indexOf(u"second"_s)), &range), 2u);
+    QCOMPARE(range.length, 7u);
+    // The last paragraph counts with one character, unless it is a lone line feed.
+    QCOMPARE(string->numberForParagraphAtIndex(string->length() - 1), 3u);
+
+    QVariantMap state;
+    QCOMPARE(string->numberForParagraphAtIndex(quint64(text.indexOf(u"second"_s)), nullptr, &state),
+             2u);
+    QCOMPARE(string->numberForParagraphAtIndex(string->length() - 1, nullptr, &state), 3u);
+    QCOMPARE(string->numberForParagraphAtIndex(0, nullptr, &state), 1u);
+
+    // The number of the last grouping of a list at a level.
+    auto list = HXMutableString::stringWithMarkup(markup());
+    const auto ordered = tag("orderedList", "\\d.");
+    list->appendParagraph(HXParagraph::paragraphWithTag(nullptr, {ordered}, {7}, {}, markup()));
+    list->appendString(u"a\n"_s);
+    list->appendParagraph(
+        HXParagraph::paragraphWithTag(nullptr, {ordered, nullptr}, {1, 1}, {}, markup()));
+    list->appendString(u"b\n"_s);
+    HXTextTagRef found;
+    const quint64 second = quint64(list->string().indexOf(u"1. "_s));
+    QCOMPARE(list->lastEnumerationIndexOfGrouping(&found, 0, second), 7u);
+    QCOMPARE(found, ordered);
+    HXTextTagRef other = tag("unorderedList", "-");
+    QCOMPARE(list->lastEnumerationIndexOfGrouping(&other, 0, second), 0u);
+    // The indentation level of the second paragraph has no number before it.
+    QCOMPARE(list->lastEnumerationIndexOfGrouping(&found, 1, list->length()), 0u);
+}
+
+void tst_HXString::structureQueries() {
+    auto string = HXMutableString::stringWithMarkup(markup());
+    fillWithStructure(*string);
+    string->appendParagraph(paragraph({HXChunk(u"\n"_s)}, tag("heading3")));
+    const QString text = string->string();
+
+    QCOMPARE(string->highestHeadingLevel(), 1u);
+    HXRange titleRange;
+    QCOMPARE(string->stringWithTitleFromRange(HXRange{0, string->length()}, &titleRange),
+             u"Title"_s);
+    QCOMPARE(titleRange, (HXRange{0, 8}));
+    QVERIFY(string->stringWithTitleFromRange(HXRange{quint64(text.indexOf(u"\n\n"_s)) + 1, 1})
+                .isNull());
+    QCOMPARE(string->rangeOfFirstParagraphMatchingMask(HXSelectorForScope(HXGroupingScope), false),
+             (HXRange{quint64(text.indexOf(u"- item"_s)), 7}));
+    QVERIFY(string->rangeOfFirstParagraphMatchingMask(HXSelectorForScope(HXGroupingScope), true)
+                .isNotFound());
+
+    const quint64 strongAt = quint64(text.indexOf(u"**bold"_s));
+    HXRange effective;
+    const auto strong = string->textElementStartingAtIndex(strongAt, &effective);
+    QVERIFY(strong);
+    QCOMPARE(effective, (HXRange{strongAt, 8}));
+    QVERIFY(!string->textElementStartingAtIndex(strongAt + 1));
+    QCOMPARE(string->rangeOfTextElement(*strong), effective);
+
+    QStringList elements;
+    string->enumerateElementsInRange(HXRange{0, string->length()}, HXSelectorForScope(HXTextScope),
+                                     [&](const HXTextElementRef &element, HXRange, bool &) {
+                                         elements.append(element->definition()->identifier());
+                                     });
+    QCOMPARE(elements, (QStringList{u"strong"_s, u"emph"_s, u"code"_s}));
+    // The cursor behind the open emphasis, before the line feed, is inside it.
+    elements.clear();
+    string->enumerateElementsInRange(HXRange{quint64(text.indexOf(u"open\n"_s)) + 4, 0},
+                                     HXSelectorAllScopes,
+                                     [&](const HXTextElementRef &element, HXRange, bool &) {
+                                         elements.append(element->definition()->identifier());
+                                     });
+    QCOMPARE(elements, QStringList{u"emph"_s});
+
+    QStringList visible;
+    string->enumerateVisibleTagsInRange(
+        HXRange{0, string->length()},
+        [&](const HXTextTagRef &tag, quint64 location, quint64 length, bool &) {
+            visible.append(tag->definition()->identifier() + u'@' + QString::number(location) +
+                           u'+' + QString::number(length));
+        });
+    QCOMPARE(visible,
+             (QStringList{u"heading1@0+2"_s,
+                          u"unorderedList@"_s + QString::number(text.indexOf(u"- "_s)) + u"+2"_s,
+                          u"heading3@"_s + QString::number(text.indexOf(u"### "_s)) + u"+4"_s}));
+
+    QString walked;
+    string->enumerateStringsAndAtomsInRange(HXRange{0, string->length()},
+                                            [&](const HXChunk &piece, bool, quint64, quint64,
+                                                const HXOpenTags &,
+                                                bool &) { walked += piece.string(); });
+    QCOMPARE(walked, text);
+    QCOMPARE(string->stringByRemovingObjectsAndTags(),
+             u"Title\nSome bold and open\n\nitem\nend x\n\n"_s);
+    string->setBookmark(HXBookmark::bookmark(), 8);
+    QCOMPARE(string->bookmarksInRange(HXRange{0, 9}).keys(), QList<quint64>{8});
+    QVERIFY(string->bookmarksInRange(HXRange{9, 20}).isEmpty());
+}
+
+void tst_HXString::markupChanges() {
+    const auto own = markup()->duplicate();
+    const auto ordered = own->tagWithIdentifier(u"orderedList"_s, u"1. "_s);
+    auto string = HXMutableString::stringWithMarkup(own);
+    for (quint64 number : {1, 2, 3}) {
+        auto item = HXParagraph::paragraphWithTag(nullptr, {ordered}, {number}, {}, own);
+        item->appendChunk(HXChunk(u"item\n"_s));
+        string->appendParagraph(item);
+    }
+    auto observer = std::make_shared<RecordingObserver>();
+    string->addStringObserver(observer);
+
+    // The string follows a change of its markup's tags: numbers are read from the old text and
+    // written the new way.
+    ordered->setPatterns({u"\\r."_s});
+    QCOMPARE(string->string(), u"i. item\nii. item\niii. item\n"_s);
+    QCOMPARE(observer->ranges.last(), (HXRange{0, string->length()}));
+    string->checkInvariants();
+
+    // Into another markup: tags of the same definition, matched by their text.
+    string->setMarkup(HXMarkup::intrinsicMarkups().value(u"markdown"_s));
+    QCOMPARE(string->string(), u"1. item\n2. item\n3. item\n"_s);
+    QCOMPARE(string->paragraphs().first()->groupings().first()->patterns(), QStringList{u"\\d."_s});
+    observer.reset();
+    string->appendString(u"x"_s); // a dead observer is dropped quietly
+    string->checkInvariants();
+}
+
+void tst_HXString::lockedStringUnderThreads() {
+    auto string = HXAtomicString::stringWithMarkup(markup());
+    fillWithStructure(*string);
+    auto observer = std::make_shared<RecordingObserver>();
+    observer->atomic = string.get();
+    string->addStringObserver(observer);
+
+    std::atomic<bool> done = false;
+    std::atomic<int> reads = 0, faults = 0;
+    auto reader = [&] {
+        while (!done) {
+            string->read([&] {
+                // One consistent state: the paragraphs make up the text, and the tree is sound.
+                QString joined;
+                for (const HXParagraphRef &paragraph : string->paragraphs())
+                    joined += paragraph->string();
+                if (joined != string->string())
+                    ++faults;
+                try {
+                    string->checkInvariants(false);
+                } catch (const HXAssertionFailure &) {
+                    ++faults;
+                }
+            });
+            const auto copy = string->copy();
+            if (copy->lockingContext().lock() || copy->string().size() != qsizetype(copy->length()))
+                ++faults;
+            ++reads;
+        }
+    };
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 3; ++i)
+        readers.emplace_back(reader);
+    QRandomGenerator random(7);
+    for (int step = 0; step < 1500; ++step) {
+        const quint64 total = string->length();
+        const quint64 location = random.bounded(quint64(total + 1));
+        const quint64 length = std::min<quint64>(random.bounded(3), total - location);
+        string->replaceCharactersInRange(HXRange{location, length},
+                                         HXChunk(random.bounded(4) ? u"ab"_s : u"c\n"_s));
+    }
+    done = true;
+    for (std::thread &thread : readers)
+        thread.join();
+    QCOMPARE(faults.load(), 0);
+    QVERIFY(reads.load() > 0);
+    QCOMPARE(observer->modeInside, HXReadWriteLock::Mode::Write);
+    string->checkInvariants();
+}
+
+void tst_HXString::lockReentrancyAndSharing() {
+    auto string = HXAtomicString::stringWithMarkup(markup());
+    string->setString(u"one\ntwo"_s);
+    // A write inside a write runs at once; inside a read it is the assertion, after running.
+    string->write([&] { string->appendString(u"!"_s); });
+    QCOMPARE(string->string(), u"one\ntwo!"_s);
+    QCOMPARE(assertionText([&] { string->read([&] { string->appendString(u"?"_s); }); }),
+             u"Recursive call to write operation within a read operation"_s);
+    QCOMPARE(string->string(), u"one\ntwo!?"_s);
+
+    // A string whose locking context is another takes that one's lock, and so do its nodes.
+    auto nested = HXMutableString::stringWithMarkup(markup());
+    nested->setLockingContext(std::weak_ptr<HXLockingContext>(string));
+    nested->setString(u"inner"_s);
+    HXReadWriteLock::Mode mode = HXReadWriteLock::Mode::None;
+    nested->enumerateParagraphsInRange(HXRange{0, 1}, [&](const HXParagraphRef &paragraph, quint64,
+                                                          quint64, bool &) {
+        mode = string->lock().currentMode();
+        QVERIFY(
+            !paragraph->lockingContext().owner_before(std::weak_ptr<HXLockingContext>(string)) &&
+            !std::weak_ptr<HXLockingContext>(string).owner_before(paragraph->lockingContext()));
+    });
+    QCOMPARE(mode, HXReadWriteLock::Mode::Read);
+}
+
+HX_TEST_MAIN(tst_HXString)
+#include "tst_HXString.moc"
