@@ -419,7 +419,10 @@ void tst_HXString::lockedStringUnderThreads() {
     for (int i = 0; i < 3; ++i)
         readers.emplace_back(reader);
     QRandomGenerator random(7);
-    for (int step = 0; step < 1500; ++step) {
+    // The writer goes on until the readers have seen a good number of states.
+    for (int step = 0; step < 1500 || reads < 30; ++step) {
+        if (step % 16 == 0)
+            std::this_thread::yield();
         const quint64 total = string->length();
         const quint64 location = random.bounded(quint64(total + 1));
         const quint64 length = std::min<quint64>(random.bounded(3), total - location);
