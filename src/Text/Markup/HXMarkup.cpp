@@ -93,6 +93,7 @@ void HXMarkup::observeTag(const HXTextTagRef &tag) {
 void HXMarkup::sortTags() {
     std::lock_guard lock(m_tagsMutex);
     std::stable_sort(m_allTags.begin(), m_allTags.end(), tagLessThan);
+    m_selectedTags.clear();
 }
 
 void HXMarkup::setAllTags(const QList<HXTextTagRef> &tags) {
@@ -122,6 +123,7 @@ void HXMarkup::setAllTags(const QList<HXTextTagRef> &tags) {
     {
         std::lock_guard lock(m_tagsMutex);
         m_allTags = incoming;
+        m_selectedTags.clear();
     }
     if (changed)
         postStructureNotification();
@@ -136,6 +138,7 @@ void HXMarkup::addTag(const HXTextTagRef &tag) {
             return;
         m_allTags.insert(std::upper_bound(m_allTags.begin(), m_allTags.end(), tag, tagLessThan),
                          tag);
+        m_selectedTags.clear();
     }
     observeTag(tag);
     postStructureNotification();
@@ -151,6 +154,7 @@ void HXMarkup::removeTag(const HXTextTagRef &tag) {
         if (index < 0)
             return;
         removed = m_allTags.takeAt(index);
+        m_selectedTags.clear();
     }
     removed->removePatternsObserver(this);
     postStructureNotification();
@@ -172,12 +176,18 @@ QList<HXTextTagRef> HXMarkup::tagsForScope(quint64 scope) const {
 }
 
 QList<HXTextTagRef> HXMarkup::tagsForSelector(HXDefinitionSelector selector) const {
+    // The parser asks this for every paragraph, so the answers are kept until the tags change.
+    std::lock_guard lock(m_tagsMutex);
+    const auto known = m_selectedTags.constFind(selector);
+    if (known != m_selectedTags.constEnd())
+        return *known;
     QList<HXTextTagRef> result;
-    for (const HXTextTagRef &tag : allTags()) {
+    for (const HXTextTagRef &tag : std::as_const(m_allTags)) {
         const HXDefinitionRef definition = tag->definition();
         if (definition && definition->matchesSelector(selector))
             result.append(tag);
     }
+    m_selectedTags.insert(selector, result);
     return result;
 }
 

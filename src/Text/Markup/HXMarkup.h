@@ -131,6 +131,8 @@ private:
     mutable std::mutex
         m_tagsMutex; // guards m_allTags and m_defaultTags for readers on other threads
     mutable std::optional<QHash<QString, HXTextTagRef>> m_defaultTags;
+    // The tags of each selector asked for, in order; cleared when the tags change.
+    mutable QHash<HXDefinitionSelector, QList<HXTextTagRef>> m_selectedTags;
     QList<HXTextTagRef> m_readTags;
     std::vector<std::weak_ptr<HXMarkupObserver>> m_observers;
     bool m_isEditing = false;

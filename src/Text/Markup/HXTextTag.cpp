@@ -28,7 +28,7 @@ qsizetype HXTextTag::requiredNumberOfPatternsForScope(quint64 scope) {
 }
 
 HXDefinitionRef HXTextTag::definition() const {
-    std::lock_guard lock(m_mutex);
+    // Set when the tag is made or read, before anyone else sees it; never changed after.
     return m_definition;
 }
 

@@ -30,6 +30,13 @@ enum HXStringEnumerationOptions : quint64 {
 // one (see HXAtomicString).
 class HXString : public HXChunkString {
 public:
+    // Mutable and locked strings are of this kind too; they are told apart by a cast.
+    using KindOwner = HXString;
+    static constexpr bool matchesKind(HXStringObjectKind kind) {
+        return kind == HXStringObjectKind::String;
+    }
+    HXStringObjectKind objectKind() const override { return HXStringObjectKind::String; }
+
     HXString() = default;
     explicit HXString(std::shared_ptr<HXMarkup> markup,
                       HXDefinitionSelector recognizedDefinitions = HXDefaultDefinitionSelector);

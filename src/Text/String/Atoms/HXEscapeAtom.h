@@ -10,6 +10,12 @@
 // reads as itself and not as part of a tag. Immutable; shared freely.
 class HXEscapeAtom : public HXStringObject {
 public:
+    using KindOwner = HXEscapeAtom;
+    static constexpr bool matchesKind(HXStringObjectKind kind) {
+        return kind == HXStringObjectKind::EscapeAtom;
+    }
+    HXStringObjectKind objectKind() const override { return HXStringObjectKind::EscapeAtom; }
+
     explicit HXEscapeAtom(const QString &string);
 
     quint64 length() const override { return quint64(m_string.size()); }

@@ -20,6 +20,12 @@ using HXIndexProvider = std::function<quint64(qsizetype level)>;
 // its node only weakly, since the node owns it. Read under the lock of the owning string.
 class HXTextAtom : public HXStringObject {
 public:
+    using KindOwner = HXTextAtom;
+    static constexpr bool matchesKind(HXStringObjectKind kind) {
+        return kind == HXStringObjectKind::TextAtom;
+    }
+    HXStringObjectKind objectKind() const override { return HXStringObjectKind::TextAtom; }
+
     static constexpr char16_t objectReplacementCharacter = 0xfffc;
 
     // The atom of part 0 or 1 of an element, for its present tag. No string means the text is

@@ -52,13 +52,24 @@ public:
     const QString &text() const;
     HXStringObject *object() const { return isObject() ? std::get<2>(m_value).get() : nullptr; }
     const std::shared_ptr<HXStringObject> &objectPointer() const;
+    // The object as a T, or nothing. Classes that declare the kinds they stand for
+    // (`KindOwner` being the class itself) are told apart by kind, others by a dynamic cast.
     template<typename T>
     T *as() const {
-        return dynamic_cast<T *>(object());
+        HXStringObject *present = object();
+        if constexpr (hasKinds<T>()) {
+            return present && T::matchesKind(present->objectKind()) ? static_cast<T *>(present)
+                                                                    : nullptr;
+        } else {
+            return dynamic_cast<T *>(present);
+        }
     }
     template<typename T>
     std::shared_ptr<T> pointerAs() const {
-        return std::dynamic_pointer_cast<T>(objectPointer());
+        if constexpr (hasKinds<T>())
+            return as<T>() ? std::static_pointer_cast<T>(objectPointer()) : nullptr;
+        else
+            return std::dynamic_pointer_cast<T>(objectPointer());
     }
     HXChunkString *chunkString() const;
 
@@ -73,5 +84,13 @@ public:
     QString description() const;
 
 private:
+    template<typename T>
+    static constexpr bool hasKinds() {
+        if constexpr (requires { typename T::KindOwner; })
+            return std::is_same_v<typename T::KindOwner, T>;
+        else
+            return false;
+    }
+
     std::variant<std::monostate, QString, std::shared_ptr<HXStringObject>> m_value;
 };

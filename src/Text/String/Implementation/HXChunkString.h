@@ -33,6 +33,13 @@ enum HXChunkEnumerationOptions : quint64 {
 // the tree guards it, and nothing may read it while another thread changes it unguarded.
 class HXChunkString : public HXStringObject {
 public:
+    using KindOwner = HXChunkString;
+    static constexpr bool matchesKind(HXStringObjectKind kind) {
+        return kind == HXStringObjectKind::ChunkString || kind == HXStringObjectKind::Paragraph ||
+               kind == HXStringObjectKind::TextElement || kind == HXStringObjectKind::String;
+    }
+    HXStringObjectKind objectKind() const override { return HXStringObjectKind::ChunkString; }
+
     HXChunkString();
     ~HXChunkString() override;
 

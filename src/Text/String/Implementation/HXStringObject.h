@@ -9,6 +9,18 @@
 
 class HXChunk;
 
+// What kind of string object a chunk is, so that the hot paths of parsing tell chunks apart
+// without a dynamic cast.
+enum class HXStringObjectKind : quint8 {
+    Other,
+    TextAtom,
+    EscapeAtom,
+    ChunkString,
+    Paragraph,
+    TextElement,
+    String,
+};
+
 // A string that is an object rather than plain text: an atom (the text of one tag), an escaped
 // character, or a chunk string with structure. Such strings stand as chunks in chunk strings
 // next to plain texts. Shared by reference; what a subclass allows of threads it says itself.
@@ -17,6 +29,7 @@ public:
     virtual ~HXStringObject() = default;
 
     virtual quint64 length() const = 0;
+    virtual HXStringObjectKind objectKind() const { return HXStringObjectKind::Other; }
     virtual QChar characterAtIndex(quint64 index) const = 0;
     // Copies the code units of the range into the buffer, which has room for them.
     virtual void getCharacters(QChar *buffer, HXRange range) const = 0;

@@ -19,6 +19,12 @@
 // last character, never inside an element; no chunk is empty.
 class HXParagraph : public HXTextNode {
 public:
+    using KindOwner = HXParagraph;
+    static constexpr bool matchesKind(HXStringObjectKind kind) {
+        return kind == HXStringObjectKind::Paragraph;
+    }
+    HXStringObjectKind objectKind() const override { return HXStringObjectKind::Paragraph; }
+
     // A paragraph of the text, parsed; it takes over the bookmark of `bookmarkSource` if given.
     static std::shared_ptr<HXParagraph>
     paragraphWithString(const QString &string, const std::shared_ptr<HXMarkup> &markup,

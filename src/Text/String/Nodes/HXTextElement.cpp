@@ -111,7 +111,14 @@ void HXTextElement::updateAtomsWithHead(const QString &givenHead, const QString 
     }
 
     bool converted = false;
-    if (m_headAtom && m_tailAtom && m_tag) {
+    // An atom that already says what is asked of it stays: atoms are immutable.
+    auto standing = [&](const HXTextAtomRef &atom, const QString &text) {
+        return atom && atom->tag() == m_tag && atom->isEntityAtom() == m_isEntity &&
+               (m_isEntity || atom->stringRepresentation() == text);
+    };
+    if (m_tag && standing(m_headAtom, head) && standing(m_tailAtom, tail)) {
+        converted = true;
+    } else if (m_headAtom && m_tailAtom && m_tag) {
         auto newHead = HXTextAtom::copyOfAtom(*m_headAtom, m_tag, {}, 0, head);
         auto newTail = HXTextAtom::copyOfAtom(*m_tailAtom, m_tag, {}, 0, tail);
         if (newHead->tag() && newTail->tag()) {

@@ -18,6 +18,12 @@
 // exactly when closed and no object; no line feed inside.
 class HXTextElement : public HXTextNode {
 public:
+    using KindOwner = HXTextElement;
+    static constexpr bool matchesKind(HXStringObjectKind kind) {
+        return kind == HXStringObjectKind::TextElement;
+    }
+    HXStringObjectKind objectKind() const override { return HXStringObjectKind::TextElement; }
+
     // A new element of the tag, not closed; its start tag text is made from the pattern.
     static std::shared_ptr<HXTextElement> elementWithTag(const HXTextTagRef &tag,
                                                          const std::shared_ptr<HXMarkup> &markup,

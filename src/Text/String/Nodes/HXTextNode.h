@@ -33,6 +33,11 @@ using HXElementsBlock =
 // and are guarded by its lock.
 class HXTextNode : public HXChunkString {
 public:
+    using KindOwner = HXTextNode;
+    static constexpr bool matchesKind(HXStringObjectKind kind) {
+        return kind == HXStringObjectKind::Paragraph || kind == HXStringObjectKind::TextElement;
+    }
+
     ~HXTextNode() override;
 
     const std::shared_ptr<HXMarkup> &markup() const { return m_markup; }

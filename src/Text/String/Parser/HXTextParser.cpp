@@ -353,15 +353,3 @@ qint64 HXTextParser::enumerationIndexForString(const QString &string, const QStr
     HX_ASSERT(false, u"Reverse-coding numerals not yet supported.");
     return 0;
 }
-
-// --- Reparsing ------------------------------------------------------------------------------
-
-// Until the parser of inline and line-level tags stands here, a paragraph keeps the structure it
-// was given, and nothing is reported as changed beyond the edit itself.
-void HXTextParser::reparseParagraph(HXParagraph &, HXRange *changedText,
-                                    HXRange *changedStructure) {
-    if (changedText)
-        *changedText = HXNotFoundRange();
-    if (changedStructure)
-        *changedStructure = HXNotFoundRange();
-}
