@@ -64,6 +64,9 @@ private Q_SLOTS:
     void openElementsRunToTheEnd();
     void entitiesKeepTheirObjects();
     void changesReported();
+    void patternEditor();
+    void escapingMakesTextReadAsItself();
+    void tagsValidInside();
     void sameTextSameTree();
 };
 
@@ -199,6 +202,71 @@ void tst_HXTextParser::changesReported() {
     QCOMPARE(edited, (HXRange{4, 0}));
     QVERIFY(affected.location <= 2 && affected.max() >= 4);
     QVERIFY(replacement.location <= 2 && replacement.max() >= 6);
+}
+
+void tst_HXTextParser::patternEditor() {
+    QCOMPARE(HXTextParser::stringsAndExpressionsFromPattern(u"(\\d) x"_s),
+             (QStringList{u"("_s, u"\\d"_s, u") x"_s}));
+    QCOMPARE(HXTextParser::stringsAndExpressionsFromPattern(u"\\d\\r"_s),
+             (QStringList{QString(), u"\\d"_s, QString(), u"\\r"_s}));
+    // Backslashes of literals are doubled, so that they come back as they were.
+    const QStringList parts{u"a\\b"_s, u"\\a"_s, u"."_s};
+    const QString pattern = HXTextParser::patternWithStringsAndExpressions(parts);
+    QCOMPARE(pattern, u"a\\\\b\\a."_s);
+    QCOMPARE(HXTextParser::stringsAndExpressionsFromPattern(pattern), parts);
+    QCOMPARE(HXTextParser::shortDisplayStringForPatternExpression(u"\\r"_s), u"i"_s);
+    for (const QString &expression : HXTextParser::userPatternExpressions())
+        QVERIFY(HXTextParser::displayStringForPatternExpression(expression) != expression);
+}
+
+void tst_HXTextParser::escapingMakesTextReadAsItself() {
+    HXTextParser::TagList tags = markup()->allTags();
+    tags.append(nullptr);
+    auto joined = [](const QList<HXChunk> &chunks) {
+        QString text;
+        for (const HXChunk &chunk : chunks)
+            text += chunk.string();
+        return text;
+    };
+    for (const QString &input : {u"# a *b* \\ c"_s, u"  > - **x**"_s, u"plain"_s}) {
+        const QString escaped = joined(HXTextParser::escapedStringsForString(input, tags, true));
+        const auto paragraph = parsed(escaped);
+        QVERIFY2(!paragraph->tag() && paragraph->groupings().isEmpty(), qPrintable(escaped));
+        // Only escapes and text: taken back out of their escapes, the characters are the input.
+        QString read;
+        for (const HXChunk &chunk : paragraph->children()) {
+            QVERIFY2(!chunk.as<HXTextElement>(), qPrintable(escaped));
+            read += chunk.as<HXEscapeAtom>() ? chunk.as<HXEscapeAtom>()->stringWithoutEscape()
+                                             : chunk.string();
+        }
+        QCOMPARE(read, input);
+    }
+    QCOMPARE(joined(HXTextParser::escapedStringsForString(u"# x"_s, tags, false)), u"# x"_s);
+}
+
+void tst_HXTextParser::tagsValidInside() {
+    HXTextParser::TagList all = markup()->allTags();
+    all.append(nullptr);
+    auto identifiers = [](const HXTextParser::TagList &tags) {
+        QSet<QString> names;
+        for (const HXTextTagRef &each : tags)
+            names.insert(each ? each->definition()->identifier() : u"escape"_s);
+        return names;
+    };
+    QVERIFY(HXTextParser::tagsByFilteringTags(all, tag("code"), {}, 63).isEmpty());
+    QVERIFY(HXTextParser::tagsByFilteringTags(all, nullptr, {tag("codeblock")}, 63).isEmpty());
+    const auto insideStrong =
+        identifiers(HXTextParser::tagsByFilteringTags(all, tag("strong"), {}, 63));
+    QVERIFY(insideStrong.contains(u"emph"_s) && insideStrong.contains(u"escape"_s));
+    // Inside a tag no grouping may begin; other tags are as the selector says.
+    QVERIFY(!insideStrong.contains(u"orderedList"_s) && insideStrong.contains(u"heading1"_s));
+    QCOMPARE(
+        HXTextParser::tagsByFilteringTags(all, tag("strong"), {}, 63).count(tag("strong", "**")),
+        0);
+    QVERIFY(identifiers(HXTextParser::tagsByFilteringTags(all, nullptr, {tag("blockquote")}, 63))
+                .contains(u"orderedList"_s));
+    QVERIFY(!identifiers(HXTextParser::tagsByFilteringTags(all, nullptr, {tag("comment")}, 63))
+                 .contains(u"orderedList"_s));
 }
 
 void tst_HXTextParser::sameTextSameTree() {

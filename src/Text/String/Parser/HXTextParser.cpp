@@ -4,6 +4,7 @@
 #include "Text/Markup/HXTextTag.h"
 #include "Text/String/Nodes/HXParagraph.h"
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXLocalizedString.h"
 
 #include <unicode/unistr.h>
 
@@ -352,4 +353,39 @@ qint64 HXTextParser::enumerationIndexForString(const QString &string, const QStr
         return numberForLetterNumeral(number);
     HX_ASSERT(false, u"Reverse-coding numerals not yet supported.");
     return 0;
+}
+
+// --- The pattern editor ---------------------------------------------------------------------
+
+QStringList HXTextParser::stringsAndExpressionsFromPattern(const QString &pattern) {
+    QStringList result;
+    enumeratePattern(pattern, [&](const QString &literal, const QString &expression, bool &) {
+        if (!expression.isNull()) {
+            result.append(literal.isNull() ? QStringLiteral("") : literal);
+            result.append(expression);
+        } else if (!literal.isEmpty()) {
+            result.append(literal);
+        }
+    });
+    return result;
+}
+
+QString HXTextParser::patternWithStringsAndExpressions(const QStringList &stringsAndExpressions) {
+    QString pattern = QStringLiteral("");
+    for (qsizetype i = 0; i < stringsAndExpressions.size(); ++i) {
+        if (i % 2 == 0)
+            pattern += QString(stringsAndExpressions.at(i))
+                           .replace(escapeCharacter(), QStringLiteral("\\\\"));
+        else
+            pattern += stringsAndExpressions.at(i);
+    }
+    return pattern;
+}
+
+QString HXTextParser::displayStringForPatternExpression(const QString &expression) {
+    return HXLocalizedString(expression, QStringLiteral("HXTextParser"));
+}
+
+QString HXTextParser::shortDisplayStringForPatternExpression(const QString &expression) {
+    return HXLocalizedString(expression + QStringLiteral("_short"), QStringLiteral("HXTextParser"));
 }

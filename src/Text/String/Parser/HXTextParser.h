@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Text/Markup/HXDefinition.h"
+#include "Text/String/Implementation/HXChunk.h"
 #include "Utilities/HXRange.h"
 
 #include <QHash>
@@ -14,6 +16,7 @@
 #include <unicode/regex.h>
 #include <utility>
 
+class HXChunk;
 class HXChunkString;
 class HXDefinition;
 class HXMarkup;
@@ -75,6 +78,14 @@ public:
     // Lowercase numerals; 0 is "0" in both. Letter numerals run a to y, az, aa, ab, and so on.
     static QString romanNumeral(quint64 number);
     static QString letterNumeral(quint64 number);
+    // The pattern editor's form of a pattern: literals and expressions alternating, a literal
+    // (empty if there is none) before each expression, and a last literal if it isn't empty.
+    static QStringList stringsAndExpressionsFromPattern(const QString &pattern);
+    // The reverse: even entries are literals, whose backslashes are doubled.
+    static QString patternWithStringsAndExpressions(const QStringList &stringsAndExpressions);
+    // The user's labels of the expressions `\d`, `\r` and `\a`.
+    static QString displayStringForPatternExpression(const QString &expression);
+    static QString shortDisplayStringForPatternExpression(const QString &expression);
     // Reading numerals back: -1 for anything that isn't one. A letter numeral reads its first
     // letter only, so it is no inverse beyond z.
     static qint64 numberForRomanNumeral(const QString &string);
@@ -129,6 +140,18 @@ public:
     static HXRange compareFlatString(const QString &oldString, const QString &newString);
     // A backslash with any one character but a line feed.
     static const std::shared_ptr<const icu::RegexPattern> &escapeExpression();
+
+    // Text that reads as itself under the tags: plain pieces, with an escape in front of each
+    // character that would start a tag. Anchored, the text starts a paragraph, so line-level
+    // tags count where only white space lies before them.
+    static QList<HXChunk> escapedStringsForString(const QString &string, const TagList &tags,
+                                                  bool anchored);
+    // The candidates that are valid inside the tag, or below the groupings when no tag is given:
+    // nothing inside a tag that allows no parsing, grouping tags only where another grouping may
+    // follow, and the rest as the selector says. The null marker always stays.
+    static TagList tagsByFilteringTags(const TagList &tags, const std::shared_ptr<HXTextTag> &tag,
+                                       const TagList &groupingTags,
+                                       HXDefinitionSelector scopeSelector);
 
 private:
     // One step of the walk: the literal scanned up to the next expression and that expression

@@ -697,3 +697,98 @@ HXRange HXTextParser::compareFlatString(const QString &oldString, const QString 
         end = composedEnd(oldString, composedStart(oldString, end - 1));
     return HXRange{quint64(start), quint64(end - start)};
 }
+
+// --- Escaping and filtering -----------------------------------------------------------------
+
+namespace {
+
+HXTextParser::TagList inlineTagsOf(const HXTextParser::TagList &tags) {
+    HXTextParser::TagList result;
+    for (const TagRef &tag : tags) {
+        if (!tag || tag->definition()->matchesSelector(HXSelectorInlineOnly))
+            result.append(tag);
+    }
+    return result;
+}
+
+// The next place that needs an escape: an escape itself or an inline tag; a line-level tag only
+// while the text is anchored and nothing but white space lies before it.
+std::optional<TagRef> nextEscapeMatch(HXTextParser::TagList &tags, MatchText &text, HXRange range,
+                                      bool anchored, HXRange *matched) {
+    const QList<HXRange> whole{HXRange{0, quint64(text.text.size())}};
+    while (range.length > 0) {
+        const auto found = nextMatch(tags, text, whole, 0, range, {}, nullptr, matched);
+        if (!found)
+            return std::nullopt;
+        if (!*found || (*found)->definition()->scope() > HXGroupingScope)
+            return found;
+        if (anchored) {
+            const QStringView before = QStringView(text.text).mid(
+                qsizetype(range.location), qsizetype(matched->location - range.location));
+            if (before.trimmed().isEmpty())
+                return found;
+            range = HXRange{matched->location, range.max() - matched->location};
+            tags = inlineTagsOf(tags);
+        } else {
+            range = HXRange{matched->location + 1, range.max() - matched->location - 1};
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+QList<HXChunk> HXTextParser::escapedStringsForString(const QString &string, const TagList &tags,
+                                                     bool anchored) {
+    TagList candidates = anchored ? tags : inlineTagsOf(tags);
+    MatchText text(string);
+    QList<HXChunk> result;
+    quint64 position = 0;
+    const quint64 length = quint64(string.size());
+    while (position < length) {
+        HXRange matched;
+        if (!nextEscapeMatch(candidates, text, HXRange{position, length - position}, anchored,
+                             &matched)) {
+            result.append(HXChunk(string.mid(qsizetype(position))));
+            break;
+        }
+        if (matched.location > position)
+            result.append(
+                HXChunk(string.mid(qsizetype(position), qsizetype(matched.location - position))));
+        const qsizetype characterLength =
+            string.at(qsizetype(matched.location)).isHighSurrogate() ? 2 : 1;
+        result.append(HXChunk(std::make_shared<HXEscapeAtom>(
+            escapeCharacter() + string.mid(qsizetype(matched.location), characterLength))));
+        position = matched.location + quint64(characterLength);
+        if (anchored) {
+            anchored = false;
+            candidates = inlineTagsOf(candidates);
+        }
+    }
+    return result;
+}
+
+HXTextParser::TagList HXTextParser::tagsByFilteringTags(const TagList &tags, const TagRef &tag,
+                                                        const TagList &groupingTags,
+                                                        HXDefinitionSelector scopeSelector) {
+    const HXTextTag *lastGrouping = lastRealGrouping(groupingTags);
+    const HXTextTag *inside = tag ? tag.get() : lastGrouping;
+    if (inside && inside->definition()->noParsingInside())
+        return {};
+    const bool groupingsAdmitted =
+        !tag && !(lastGrouping && lastGrouping->definition()->groupingType() == HXGroupingTerminal);
+    TagList result;
+    for (const TagRef &candidate : tags) {
+        if (!candidate) {
+            result.append(candidate);
+            continue;
+        }
+        const HXDefinitionRef definition = candidate->definition();
+        if (candidate == tag || (definition->noGroupingAllowed() && !groupingTags.isEmpty()) ||
+            (definition->groupingType() != HXGroupingNone && !groupingsAdmitted))
+            continue;
+        if (definition->matchesSelector(scopeSelector))
+            result.append(candidate);
+    }
+    return result;
+}
