@@ -4,9 +4,10 @@
 
 #include <bit>
 
+// A map of one block needs no tree: the block starts at 0. Most maps, those of elements and
+// paragraphs, stay that small.
 HXChunkMap::HXChunkMap()
-    : m_blocks(1)
-    , m_tree(1, 0) {}
+    : m_blocks(1) {}
 
 HXChunkMap::Cursor HXChunkMap::begin() const {
     return Cursor{0, 0};
@@ -48,13 +49,17 @@ quint64 HXChunkMap::blockStart(qsizetype block) const {
 }
 
 void HXChunkMap::addToTree(qsizetype block, qint64 delta) {
-    const qsizetype n = qsizetype(m_tree.size());
+    const qsizetype n = qsizetype(m_tree.size()); // 0 for a single block
     for (qsizetype i = block + 1; i <= n; i += i & -i)
         m_tree[size_t(i - 1)] += quint64(delta);
 }
 
 void HXChunkMap::rebuildTree() {
     const qsizetype n = qsizetype(m_blocks.size());
+    if (n <= 1) {
+        std::vector<quint64>().swap(m_tree);
+        return;
+    }
     m_tree.assign(size_t(n), 0);
     for (qsizetype i = 1; i <= n; ++i) {
         m_tree[size_t(i - 1)] += m_blocks[size_t(i - 1)].total;
@@ -232,7 +237,7 @@ bool HXChunkMap::isConsistent(QString *failure) const {
         *failure = text;
         return false;
     };
-    if (m_blocks.empty() || m_tree.size() != m_blocks.size())
+    if (m_blocks.empty() || (m_blocks.size() > 1 && m_tree.size() != m_blocks.size()))
         return fail(QStringLiteral("the block list and the tree differ in size"));
     quint64 total = 0;
     qsizetype count = 0;

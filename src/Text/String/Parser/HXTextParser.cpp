@@ -182,7 +182,7 @@ QString HXTextParser::stringMatchingPart(qsizetype part, const HXTextTag *tag,
     const QString tail = trailing ? QStringLiteral(" ") : QString();
     const QString plain = tag->plainStrings().value(part);
     if (!plain.isNull())
-        return lead + plain + tail;
+        return lead.isEmpty() && tail.isEmpty() ? plain : lead + plain + tail; // shares the text
 
     if (!string.isNull()) {
         const QString behindLead = string.mid(lead.size());

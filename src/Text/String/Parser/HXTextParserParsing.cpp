@@ -344,8 +344,11 @@ void HXTextParser::flattenString(const HXChunkString &node, HXChunkString &flatS
                                  ReusableElements *reusableElements) {
     QString buffer;
     auto flush = [&] {
-        if (!buffer.isEmpty())
+        if (!buffer.isEmpty()) {
+            // Chunks of the flat string may pass into the tree as they are: no spare room.
+            buffer.squeeze();
             flatString.appendChunk(HXChunk(std::exchange(buffer, QString())));
+        }
     };
     walkFlatChunks(node, forbiddenTags, [&](const HXChunk &chunk) {
         if (const auto element = chunk.pointerAs<HXTextElement>()) {
