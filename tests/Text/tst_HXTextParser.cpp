@@ -64,6 +64,7 @@ private Q_SLOTS:
     void openElementsRunToTheEnd();
     void entitiesKeepTheirObjects();
     void changesReported();
+    void smallMarkupOfOurOwn();
     void patternEditor();
     void escapingMakesTextReadAsItself();
     void tagsValidInside();
@@ -202,6 +203,33 @@ void tst_HXTextParser::changesReported() {
     QCOMPARE(edited, (HXRange{4, 0}));
     QVERIFY(affected.location <= 2 && affected.max() >= 4);
     QVERIFY(replacement.location <= 2 && replacement.max() >= 6);
+}
+
+void tst_HXTextParser::smallMarkupOfOurOwn() {
+    HXError error;
+    const auto own = HXMarkup::markupWithData(
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<markup version=\"1\">"
+        "<tag definition=\"heading1\" pattern=\"=\"/>"
+        "<tag definition=\"filename\" pattern=\"@@\"/>"
+        "<tag definition=\"orderedList\" pattern=\"(\\a)\"/>"
+        "<tag definition=\"emph\" startPattern=\"/\" endPattern=\"/\"/>"
+        "<tag definition=\"strong\" startPattern=\"*\" endPattern=\"*\"/>"
+        "</markup>\n",
+        &error);
+    QVERIFY2(own, qPrintable(error.localizedFailureReason()));
+    auto parse = [&](const QString &text, HXDefinitionSelector definitions) {
+        auto paragraph = HXParagraph::paragraphWithString(text, own, definitions);
+        paragraph->checkInvariants();
+        return paragraph;
+    };
+    const auto heading = parse(u"= Title /x/ *y*"_s, 63);
+    QCOMPARE(prefixOf(*heading), u"heading1"_s);
+    QCOMPARE(outline(*heading), u"Title emph(x) strong(y)"_s);
+    QCOMPARE(prefixOf(*parse(u"(b) item"_s, 63)), u"orderedList"_s);
+    // The file name tag counts only where it is allowed, and never below a grouping.
+    QCOMPARE(prefixOf(*parse(u"@@ name"_s, 63)), QString());
+    QCOMPARE(prefixOf(*parse(u"@@ name"_s, 63 | HXSelectorAllowsFilename)), u"filename"_s);
+    QCOMPARE(prefixOf(*parse(u"(a) @@ name"_s, 63 | HXSelectorAllowsFilename)), u"orderedList"_s);
 }
 
 void tst_HXTextParser::patternEditor() {
