@@ -55,12 +55,7 @@ private Q_SLOTS:
 };
 
 void tst_HXDefinition::intrinsicTable() {
-    const QList<HXDefinitionRef> all =
-        HXDefinition::availableDefinitionsForScopes(HXSelectorAllScopes);
-    QCOMPARE(all.size(), 26);
-    QCOMPARE(identifiers(HXIntrinsicDefinition::intrinsicDefinitionsForScope(HXGroupingScope)),
-             (QStringList{QStringLiteral("orderedList"), QStringLiteral("unorderedList"),
-                          QStringLiteral("blockquote")}));
+    QCOMPARE(HXDefinition::availableDefinitionsForScopes(HXSelectorAllScopes).size(), 26);
     // By scope first, then in table order.
     QCOMPARE(identifiers(HXDefinition::availableDefinitionsForScopes(HXSelectorForScope(5) |
                                                                      HXSelectorForScope(1))),
@@ -69,22 +64,8 @@ void tst_HXDefinition::intrinsicTable() {
                           QStringLiteral("image"), QStringLiteral("video"),
                           QStringLiteral("footnote")}));
     QCOMPARE(intrinsic("video")->ordering(), 1);
-    QCOMPARE(intrinsic("comment")->groupingType(), quint64(HXGroupingTerminal));
-    QCOMPARE(intrinsic("comment")->countingOptions(), quint64(HXCountingNotCountable));
-    QVERIFY(intrinsic("comment")->overrideColors());
-    QVERIFY(intrinsic("code")->noParsingInside());
-    QCOMPARE(intrinsic("orderedList")->groupingType(), quint64(HXGroupingList));
-    QCOMPARE(intrinsic("heading4")->headingLevel(), 4u);
-    QCOMPARE(intrinsic("annotation")->countingOptions(), quint64(HXCountingAttributesNotCounted));
-
     const QList<HXTagAttributeRef> image = intrinsic("image")->attributes();
-    QCOMPARE(image.size(), 4);
-    QCOMPARE(image[0]->identifier(), QStringLiteral("image"));
-    QCOMPARE(image[0]->kind(), quint64(HXTagAttributeKindImage));
     QVERIFY(image[0]->isFile() && image[0]->allowedTypes().contains(QStringLiteral("image/*")));
-    QCOMPARE(image[3]->identifier(), QStringLiteral("description"));
-    QCOMPARE(intrinsic("footnote")->attributes().first()->kind(),
-             quint64(HXTagAttributeKindNestedString));
     QVERIFY(!intrinsic("nothing"));
     QVERIFY(intrinsic("strong") ==
             HXDefinition::definitionWithIdentifier(QStringLiteral("strong")));
