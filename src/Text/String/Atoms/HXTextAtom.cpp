@@ -7,8 +7,8 @@
 #include "Utilities/HXAssert.h"
 
 HXTextAtom::HXTextAtom(HXTextNode *node, quint64 part, HXTextTagRef tag)
-    : m_part(part)
-    , m_tag(std::move(tag)) {
+    : m_tag(std::move(tag))
+    , m_part(quint8(part)) {
     if (node) {
         m_node = node->weak_from_this();
         m_nodeIsParagraph = dynamic_cast<HXParagraph *>(node) != nullptr;

@@ -75,9 +75,9 @@ private:
     QString m_pattern;
     QString m_string;
     std::weak_ptr<HXStringObject> m_node;
-    bool m_nodeIsParagraph = false;
-    quint64 m_part = 0;
     HXTextTagRef m_tag;
+    quint8 m_part = 0;
+    bool m_nodeIsParagraph = false;
 };
 
 using HXTextAtomRef = std::shared_ptr<HXTextAtom>;

@@ -25,7 +25,7 @@ bool HXChunkMap::isEnd(Cursor cursor) const {
 
 void HXChunkMap::next(Cursor &cursor) const {
     ++cursor.index;
-    if (cursor.index == qsizetype(m_blocks[size_t(cursor.block)].entries.size()) &&
+    if (cursor.index == qsizetype(m_blocks[qsizetype(cursor.block)].entries.size()) &&
         cursor.block + 1 < qsizetype(m_blocks.size())) {
         ++cursor.block;
         cursor.index = 0;
@@ -38,7 +38,7 @@ void HXChunkMap::previous(Cursor &cursor) const {
         return;
     }
     --cursor.block;
-    cursor.index = qsizetype(m_blocks[size_t(cursor.block)].entries.size()) - 1;
+    cursor.index = qsizetype(m_blocks[qsizetype(cursor.block)].entries.size()) - 1;
 }
 
 quint64 HXChunkMap::blockStart(qsizetype block) const {
@@ -62,7 +62,7 @@ void HXChunkMap::rebuildTree() {
     }
     m_tree.assign(size_t(n), 0);
     for (qsizetype i = 1; i <= n; ++i) {
-        m_tree[size_t(i - 1)] += m_blocks[size_t(i - 1)].total;
+        m_tree[size_t(i - 1)] += m_blocks[qsizetype(i - 1)].total;
         const qsizetype parent = i + (i & -i);
         if (parent <= n)
             m_tree[size_t(parent - 1)] += m_tree[size_t(i - 1)];
@@ -73,7 +73,7 @@ quint64 HXChunkMap::keyOf(Cursor cursor) const {
     if (isEnd(cursor))
         return m_total;
     quint64 key = blockStart(cursor.block);
-    const auto &entries = m_blocks[size_t(cursor.block)].entries;
+    const auto &entries = m_blocks[qsizetype(cursor.block)].entries;
     for (qsizetype i = 0; i < cursor.index; ++i)
         key += entries[size_t(i)].length;
     return key;
@@ -95,7 +95,7 @@ HXChunkMap::Cursor HXChunkMap::floor(quint64 index, quint64 *key) const {
         }
     }
     quint64 start = index - remaining;
-    const auto &entries = m_blocks[size_t(block)].entries;
+    const auto &entries = m_blocks[qsizetype(block)].entries;
     qsizetype i = 0;
     while (remaining >= entries[size_t(i)].length) {
         remaining -= entries[size_t(i)].length;
@@ -113,7 +113,7 @@ bool HXChunkMap::findKey(quint64 key, Cursor *cursor) const {
 }
 
 void HXChunkMap::setChunk(Cursor cursor, HXChunk chunk) {
-    m_blocks[size_t(cursor.block)].entries[size_t(cursor.index)].chunk = std::move(chunk);
+    m_blocks[qsizetype(cursor.block)].entries[size_t(cursor.index)].chunk = std::move(chunk);
 }
 
 void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
@@ -121,7 +121,7 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
     // within one block stays there.
     if (to.index == 0 && to.block > from.block) {
         --to.block;
-        to.index = qsizetype(m_blocks[size_t(to.block)].entries.size());
+        to.index = qsizetype(m_blocks[qsizetype(to.block)].entries.size());
     }
     quint64 added = 0;
     for (const Entry &entry : entries)
@@ -129,7 +129,7 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
     const qsizetype addedCount = qsizetype(entries.size());
 
     if (from.block == to.block) {
-        Block &block = m_blocks[size_t(from.block)];
+        Block &block = m_blocks[qsizetype(from.block)];
         quint64 removed = 0;
         for (qsizetype i = from.index; i < to.index; ++i)
             removed += block.entries[size_t(i)].length;
@@ -138,6 +138,9 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
         block.entries.insert(block.entries.begin() + from.index,
                              std::make_move_iterator(entries.begin()),
                              std::make_move_iterator(entries.end()));
+        // Maps of elements and paragraphs hold a few chunks, and there are very many of them.
+        if (block.entries.size() <= 8 && block.entries.capacity() > block.entries.size())
+            block.entries.shrink_to_fit();
         const qint64 delta = qint64(added) - qint64(removed);
         block.total += quint64(delta);
         m_total += quint64(delta);
@@ -149,8 +152,8 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
     }
 
     // Across blocks: the tail of the first, the blocks between and the head of the last go.
-    Block &first = m_blocks[size_t(from.block)];
-    Block &last = m_blocks[size_t(to.block)];
+    Block &first = m_blocks[qsizetype(from.block)];
+    Block &last = m_blocks[qsizetype(to.block)];
     qsizetype removedCount = 0;
     quint64 removed = 0;
     for (size_t i = size_t(from.index); i < first.entries.size(); ++i)
@@ -162,8 +165,8 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
     removedCount += to.index;
     last.entries.erase(last.entries.begin(), last.entries.begin() + to.index);
     for (qsizetype b = from.block + 1; b < to.block; ++b) {
-        removed += m_blocks[size_t(b)].total;
-        removedCount += qsizetype(m_blocks[size_t(b)].entries.size());
+        removed += m_blocks[qsizetype(b)].total;
+        removedCount += qsizetype(m_blocks[qsizetype(b)].entries.size());
     }
     first.entries.insert(first.entries.end(), std::make_move_iterator(entries.begin()),
                          std::make_move_iterator(entries.end()));
@@ -181,7 +184,8 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
 }
 
 void HXChunkMap::assign(std::vector<Entry> entries) {
-    m_blocks.assign(1, Block());
+    m_blocks.clear();
+    m_blocks.append(Block());
     m_blocks.front().entries = std::move(entries);
     m_total = 0;
     for (const Entry &entry : m_blocks.front().entries)
@@ -197,7 +201,7 @@ void HXChunkMap::rebalance(qsizetype firstBlock, qsizetype lastBlock) {
     lastBlock = std::min(lastBlock, blockCount - 1);
     bool outOfShape = false;
     for (qsizetype b = firstBlock; b <= lastBlock; ++b) {
-        const size_t size = m_blocks[size_t(b)].entries.size();
+        const size_t size = m_blocks[qsizetype(b)].entries.size();
         if (size > maximumBlockSize || (blockCount > 1 && size < minimumBlockSize))
             outOfShape = true;
     }
@@ -209,7 +213,7 @@ void HXChunkMap::rebalance(qsizetype firstBlock, qsizetype lastBlock) {
     const qsizetype high = std::min(blockCount - 1, lastBlock + 1);
     std::vector<Entry> gathered;
     for (qsizetype b = low; b <= high; ++b) {
-        auto &entries = m_blocks[size_t(b)].entries;
+        auto &entries = m_blocks[qsizetype(b)].entries;
         gathered.insert(gathered.end(), std::make_move_iterator(entries.begin()),
                         std::make_move_iterator(entries.end()));
     }
@@ -227,8 +231,8 @@ void HXChunkMap::rebalance(qsizetype firstBlock, qsizetype lastBlock) {
         dealt.push_back(std::move(block));
     }
     m_blocks.erase(m_blocks.begin() + low, m_blocks.begin() + high + 1);
-    m_blocks.insert(m_blocks.begin() + low, std::make_move_iterator(dealt.begin()),
-                    std::make_move_iterator(dealt.end()));
+    for (size_t i = 0; i < dealt.size(); ++i)
+        m_blocks.insert(m_blocks.begin() + low + qsizetype(i), std::move(dealt[i]));
     rebuildTree();
 }
 
@@ -237,12 +241,12 @@ bool HXChunkMap::isConsistent(QString *failure) const {
         *failure = text;
         return false;
     };
-    if (m_blocks.empty() || (m_blocks.size() > 1 && m_tree.size() != m_blocks.size()))
+    if (m_blocks.empty() || (m_blocks.size() > 1 && qsizetype(m_tree.size()) != m_blocks.size()))
         return fail(QStringLiteral("the block list and the tree differ in size"));
     quint64 total = 0;
     qsizetype count = 0;
-    for (size_t b = 0; b < m_blocks.size(); ++b) {
-        const Block &block = m_blocks[b];
+    for (qsizetype b = 0; b < m_blocks.size(); ++b) {
+        const Block &block = m_blocks[qsizetype(b)];
         if (block.entries.empty() && m_blocks.size() > 1)
             return fail(QStringLiteral("block %1 is empty").arg(b));
         if (block.entries.size() > maximumBlockSize)

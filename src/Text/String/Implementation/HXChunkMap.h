@@ -2,6 +2,8 @@
 
 #include "Text/String/Implementation/HXChunk.h"
 
+#include <QVarLengthArray>
+
 #include <vector>
 
 // The ordered map under a chunk string: chunks in order, each with the length it had when it was
@@ -38,7 +40,7 @@ public:
     void previous(Cursor &cursor) const;
 
     const Entry &at(Cursor cursor) const {
-        return m_blocks[size_t(cursor.block)].entries[size_t(cursor.index)];
+        return m_blocks[cursor.block].entries[size_t(cursor.index)];
     }
     quint64 keyOf(Cursor cursor) const;
     // The last chunk whose key is not greater than the index; the end marker for an index at or
@@ -107,7 +109,8 @@ private:
     // Splits blocks that grew too large, drops empty ones and merges small neighbours.
     void rebalance(qsizetype firstBlock, qsizetype lastBlock);
 
-    std::vector<Block> m_blocks;
+    // The first block stands inline: most maps have one, and there are very many of them.
+    QVarLengthArray<Block, 1> m_blocks;
     std::vector<quint64> m_tree; // Fenwick tree over the block totals, 1-based
     quint64 m_total = 0;
     qsizetype m_count = 0;
