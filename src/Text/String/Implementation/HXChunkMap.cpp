@@ -9,6 +9,13 @@
 HXChunkMap::HXChunkMap()
     : m_blocks(1) {}
 
+qsizetype HXChunkMap::count() const {
+    qsizetype count = 0;
+    for (const Block &block : m_blocks)
+        count += qsizetype(block.entries.size());
+    return count;
+}
+
 HXChunkMap::Cursor HXChunkMap::begin() const {
     return Cursor{0, 0};
 }
@@ -49,7 +56,7 @@ quint64 HXChunkMap::blockStart(qsizetype block) const {
 }
 
 void HXChunkMap::addToTree(qsizetype block, qint64 delta) {
-    const qsizetype n = qsizetype(m_tree.size()); // 0 for a single block
+    const qsizetype n = m_tree ? m_blocks.size() : 0;
     for (qsizetype i = block + 1; i <= n; i += i & -i)
         m_tree[size_t(i - 1)] += quint64(delta);
 }
@@ -57,10 +64,10 @@ void HXChunkMap::addToTree(qsizetype block, qint64 delta) {
 void HXChunkMap::rebuildTree() {
     const qsizetype n = qsizetype(m_blocks.size());
     if (n <= 1) {
-        std::vector<quint64>().swap(m_tree);
+        m_tree.reset();
         return;
     }
-    m_tree.assign(size_t(n), 0);
+    m_tree = std::make_unique<quint64[]>(size_t(n));
     for (qsizetype i = 1; i <= n; ++i) {
         m_tree[size_t(i - 1)] += m_blocks[qsizetype(i - 1)].total;
         const qsizetype parent = i + (i & -i);
@@ -85,7 +92,7 @@ HXChunkMap::Cursor HXChunkMap::floor(quint64 index, quint64 *key) const {
         return end();
     }
     // Descend the Fenwick tree to the block that holds the index.
-    const qsizetype n = qsizetype(m_tree.size());
+    const qsizetype n = m_tree ? m_blocks.size() : 0;
     qsizetype block = 0;
     quint64 remaining = index;
     for (qsizetype step = qsizetype(std::bit_floor(size_t(n))); step > 0; step >>= 1) {
@@ -126,7 +133,6 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
     quint64 added = 0;
     for (const Entry &entry : entries)
         added += entry.length;
-    const qsizetype addedCount = qsizetype(entries.size());
 
     if (from.block == to.block) {
         Block &block = m_blocks[qsizetype(from.block)];
@@ -144,7 +150,6 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
         const qint64 delta = qint64(added) - qint64(removed);
         block.total += quint64(delta);
         m_total += quint64(delta);
-        m_count += addedCount - (to.index - from.index);
         if (delta != 0)
             addToTree(from.block, delta);
         rebalance(from.block, from.block);
@@ -154,19 +159,15 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
     // Across blocks: the tail of the first, the blocks between and the head of the last go.
     Block &first = m_blocks[qsizetype(from.block)];
     Block &last = m_blocks[qsizetype(to.block)];
-    qsizetype removedCount = 0;
     quint64 removed = 0;
     for (size_t i = size_t(from.index); i < first.entries.size(); ++i)
         removed += first.entries[i].length;
-    removedCount += qsizetype(first.entries.size()) - from.index;
     first.entries.erase(first.entries.begin() + from.index, first.entries.end());
     for (qsizetype i = 0; i < to.index; ++i)
         removed += last.entries[size_t(i)].length;
-    removedCount += to.index;
     last.entries.erase(last.entries.begin(), last.entries.begin() + to.index);
     for (qsizetype b = from.block + 1; b < to.block; ++b) {
         removed += m_blocks[qsizetype(b)].total;
-        removedCount += qsizetype(m_blocks[qsizetype(b)].entries.size());
     }
     first.entries.insert(first.entries.end(), std::make_move_iterator(entries.begin()),
                          std::make_move_iterator(entries.end()));
@@ -178,7 +179,6 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<Entry> entries) {
         last.total += entry.length;
     m_blocks.erase(m_blocks.begin() + from.block + 1, m_blocks.begin() + to.block);
     m_total = m_total - removed + added;
-    m_count += addedCount - removedCount;
     rebuildTree();
     rebalance(from.block, from.block + 1);
 }
@@ -191,7 +191,6 @@ void HXChunkMap::assign(std::vector<Entry> entries) {
     for (const Entry &entry : m_blocks.front().entries)
         m_total += entry.length;
     m_blocks.front().total = m_total;
-    m_count = qsizetype(m_blocks.front().entries.size());
     rebuildTree();
     rebalance(0, 0);
 }
@@ -241,7 +240,7 @@ bool HXChunkMap::isConsistent(QString *failure) const {
         *failure = text;
         return false;
     };
-    if (m_blocks.empty() || (m_blocks.size() > 1 && qsizetype(m_tree.size()) != m_blocks.size()))
+    if (m_blocks.empty() || (m_blocks.size() > 1) != bool(m_tree))
         return fail(QStringLiteral("the block list and the tree differ in size"));
     quint64 total = 0;
     qsizetype count = 0;
@@ -271,11 +270,10 @@ bool HXChunkMap::isConsistent(QString *failure) const {
         total += sum;
         count += qsizetype(block.entries.size());
     }
-    if (total != m_total || count != m_count)
-        return fail(QStringLiteral("length %1 and count %2 are recorded as %3 and %4")
+    if (total != m_total)
+        return fail(QStringLiteral("length %1 is recorded as %2 (%3 chunks)")
                         .arg(total)
-                        .arg(count)
                         .arg(m_total)
-                        .arg(m_count));
+                        .arg(count));
     return true;
 }

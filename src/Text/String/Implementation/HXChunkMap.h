@@ -4,6 +4,7 @@
 
 #include <QVarLengthArray>
 
+#include <memory>
 #include <vector>
 
 // The ordered map under a chunk string: chunks in order, each with the length it had when it was
@@ -30,7 +31,9 @@ public:
 
     HXChunkMap();
 
-    qsizetype count() const { return m_count; }
+    // The number of chunks: counted over the blocks, so ask `isEmpty` where that is the question.
+    qsizetype count() const;
+    bool isEmpty() const { return m_total == 0; }
     quint64 totalLength() const { return m_total; }
 
     Cursor begin() const;
@@ -73,7 +76,7 @@ public:
             }
         } else {
             if (isEnd(cursor)) {
-                if (m_count == 0)
+                if (m_total == 0)
                     return;
                 previous(cursor);
                 key -= at(cursor).length;
@@ -111,7 +114,8 @@ private:
 
     // The first block stands inline: most maps have one, and there are very many of them.
     QVarLengthArray<Block, 1> m_blocks;
-    std::vector<quint64> m_tree; // Fenwick tree over the block totals, 1-based
+    // Fenwick tree over the block totals, 1-based, of as many entries as there are blocks; none
+    // for a single block.
+    std::unique_ptr<quint64[]> m_tree;
     quint64 m_total = 0;
-    qsizetype m_count = 0;
 };

@@ -59,7 +59,7 @@ HXChunk HXChunkString::chunkAtIndex(quint64 index) const {
 }
 
 HXChunk HXChunkString::lastChunk() const {
-    if (m_map.count() == 0)
+    if (m_map.isEmpty())
         return HXChunk();
     HXChunkMap::Cursor cursor = m_map.end();
     m_map.previous(cursor);
@@ -87,10 +87,9 @@ QList<HXChunk> HXChunkString::innerChunks() const {
 
 HXRange HXChunkString::innerChunkRange() const {
     quint64 start = 0, end = length();
-    if (m_map.count() > 0 && m_headChunk &&
-        m_map.at(m_map.begin()).chunk.isIdenticalTo(m_headChunk))
+    if (!m_map.isEmpty() && m_headChunk && m_map.at(m_map.begin()).chunk.isIdenticalTo(m_headChunk))
         start = m_map.at(m_map.begin()).length;
-    if (m_map.count() > 0 && m_tailChunk) {
+    if (!m_map.isEmpty() && m_tailChunk) {
         HXChunkMap::Cursor last = m_map.end();
         m_map.previous(last);
         if (m_map.at(last).chunk.isIdenticalTo(m_tailChunk) &&
@@ -244,7 +243,7 @@ void HXChunkString::clear() {
 }
 
 void HXChunkString::recomputeIndexes() {
-    if (m_map.count() == 0)
+    if (m_map.isEmpty())
         return;
     std::vector<HXChunkMap::Entry> entries;
     entries.reserve(size_t(m_map.count()));
