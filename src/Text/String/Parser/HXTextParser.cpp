@@ -19,8 +19,17 @@ const QList<std::pair<QString, QString>> &HXTextParser::patternReplacements() {
 }
 
 const QStringList &HXTextParser::userPatternExpressions() {
-    static const QStringList expressions{QStringLiteral("\\d"), QStringLiteral("\\r"),
-                                         QStringLiteral("\\a")};
+    static const QStringList expressions = [] {
+        const QStringList offered{QStringLiteral("\\d"), QStringLiteral("\\r"),
+                                  QStringLiteral("\\a")};
+        for (const QString &expression : offered) {
+            const bool known = std::any_of(
+                patternReplacements().begin(), patternReplacements().end(),
+                [&](const auto &replacement) { return replacement.first == expression; });
+            HX_ASSERT(known, u"Expression \"%@\" seems to be gone!", expression);
+        }
+        return offered;
+    }();
     return expressions;
 }
 
