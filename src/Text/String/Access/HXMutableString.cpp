@@ -1,7 +1,9 @@
 #include "Text/String/Access/HXMutableString.h"
 
 #include "Text/String/Parser/HXTextParser.h"
+#include "Text/String/Undo/HXTextUndoOperation.h"
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXUndoManager.h"
 #include "Utilities/HXXMLElement.h"
 
 namespace {
@@ -37,7 +39,10 @@ QList<HXChunk> linesOfString(const HXChunk &string) {
 
 } // namespace
 
-HXMutableString::~HXMutableString() = default;
+HXMutableString::~HXMutableString() {
+    if (m_undoManager)
+        m_undoManager->removeGroupOpenedObserver(this);
+}
 
 std::shared_ptr<HXMutableString>
 HXMutableString::stringWithMarkup(const std::shared_ptr<HXMarkup> &markup,
@@ -195,11 +200,14 @@ void HXMutableString::replaceLocked(HXRange range, const HXChunk &string, HXRang
         replacement = HXRange{range.location, paragraphs.location + newLength - range.location};
     }
 
-    // 9. Undo.
+    // 9. Undo. What undo replaces is the new text of the edited range: the replacement range
+    // may be wider where only structure changed around it.
     if (m_undoManager && oldText) {
         const auto replacedText =
             oldText->stringWithRange(HXRange{edited.location - paragraphs.location, edited.length});
-        trackUndoForChangeInRange(edited, *replacedText, replacement);
+        const quint64 newTotal = HXChunkString::length();
+        trackUndoForChangeInRange(edited, *replacedText,
+                                  HXRange{edited.location, edited.length + newTotal - total});
     }
 
     // 10. The observers, then the outputs.
@@ -335,9 +343,7 @@ void HXMutableString::notifyObservers(HXRange range, const HXChunk &replacement,
     });
 }
 
-// --- Undo -----------------------------------------------------------------------------------
-// The undo manager records text and attribute operations; until it does, these keep the
-// manager and mark the places where recording happens.
+// --- Undo ---------------------------------------------------------------------------------
 
 std::shared_ptr<HXUndoManager> HXMutableString::undoManager() const {
     return reading([&] { return m_undoManager; });
@@ -345,18 +351,51 @@ std::shared_ptr<HXUndoManager> HXMutableString::undoManager() const {
 
 void HXMutableString::setUndoManager(const std::shared_ptr<HXUndoManager> &undoManager) {
     writing([&] {
+        if (m_undoManager)
+            m_undoManager->removeGroupOpenedObserver(this);
         m_undoManager = undoManager;
-        breakUndoCoalescing();
+        if (m_undoManager)
+            m_undoManager->addGroupOpenedObserver(this, [this] { undoGroupOpened(); });
+        clearCurrentOperations();
     });
 }
 
-void HXMutableString::breakUndoCoalescing() {}
-
-void HXMutableString::clearUndoHistory() {
-    breakUndoCoalescing();
+void HXMutableString::clearCurrentOperations() {
+    m_currentTextOperation.reset();
 }
 
-void HXMutableString::trackUndoForChangeInRange(HXRange, const HXString &, HXRange) {}
+void HXMutableString::undoGroupOpened() {
+    clearCurrentOperations();
+}
+
+void HXMutableString::breakUndoCoalescing() {
+    writing([&] { clearCurrentOperations(); });
+}
+
+void HXMutableString::clearUndoHistory() {
+    clearCurrentOperations();
+    if (m_undoManager)
+        m_undoManager->removeAllActions();
+}
+
+void HXMutableString::trackUndoForChangeInRange(HXRange editedRange, const HXString &replacedText,
+                                                HXRange replacementRange) {
+    if (!m_undoManager)
+        return;
+    if (m_undoManager->isUndoing() || m_undoManager->isRedoing()) {
+        clearCurrentOperations();
+        HXTextUndoOperation::commitEditInString(*this, editedRange, replacedText, replacementRange);
+        return;
+    }
+    if (m_currentTextOperation &&
+        m_currentTextOperation->coalesceEditedRange(editedRange, replacedText, replacementRange))
+        return;
+    // Committing registers the undo, which opens a group and so clears the current operation;
+    // the new one becomes current after that.
+    auto operation =
+        HXTextUndoOperation::commitEditInString(*this, editedRange, replacedText, replacementRange);
+    m_currentTextOperation = std::move(operation);
+}
 
 void HXMutableString::willChangeValueOfAttribute(const QString &attributeIdentifier,
                                                  const HXTextElement &element) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+class HXTextUndoOperation;
 class HXUndoManager;
 
 // A string that changes. All edits go through one door, `replaceCharactersInRange`, which keeps
@@ -50,7 +51,9 @@ public:
     // Undo: a string records its changes only with an undo manager.
     std::shared_ptr<HXUndoManager> undoManager() const;
     void setUndoManager(const std::shared_ptr<HXUndoManager> &undoManager);
+    // The next change starts an undo step of its own.
     void breakUndoCoalescing();
+    // Forgets every undo step; a change of markup does this, as old steps no longer fit.
     void clearUndoHistory();
     // Records the change of characters: the old text of the edited range and what replaced it.
     void trackUndoForChangeInRange(HXRange editedRange, const HXString &replacedText,
@@ -72,8 +75,12 @@ private:
                        HXRange *affectedRange, HXRange *replacementRange);
     HXChunk preparedString(const HXChunk &string) const;
 
+    void clearCurrentOperations();
+    void undoGroupOpened();
+
     std::vector<std::weak_ptr<HXStringObserver>> m_observers;
     std::shared_ptr<HXUndoManager> m_undoManager;
+    std::shared_ptr<HXTextUndoOperation> m_currentTextOperation;
 };
 
 using HXMutableStringRef = std::shared_ptr<HXMutableString>;
