@@ -26,6 +26,16 @@ void HXTextElement::initWithTag(const HXTextTagRef &tag, const std::shared_ptr<H
     updateAtomsWithHead(QString(), QString());
 }
 
+void HXTextElement::initWithStoredForm(const HXTextTagRef &tag, const HXDefinitionRef &definition,
+                                       const std::shared_ptr<HXMarkup> &markup, bool closed,
+                                       const QString &startTag, const QString &endTag) {
+    m_markup = markup;
+    m_tag = tag;
+    m_definition = definition;
+    m_closed = closed;
+    updateAtomsWithHead(startTag, endTag);
+}
+
 std::shared_ptr<HXTextElement>
 HXTextElement::elementWithTag(const HXTextTagRef &tag, const std::shared_ptr<HXMarkup> &markup,
                               bool closed) {

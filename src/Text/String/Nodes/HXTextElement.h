@@ -38,6 +38,11 @@ public:
                          const std::shared_ptr<HXMarkup> &markup);
 
     HXTextElement() = default;
+    // An element as a stored form describes it: its tag (none where the markup has lost it),
+    // definition, whether closed, and the texts of its tags, null where not stored.
+    void initWithStoredForm(const HXTextTagRef &tag, const HXDefinitionRef &definition,
+                            const std::shared_ptr<HXMarkup> &markup, bool closed,
+                            const QString &startTag, const QString &endTag);
 
     const HXTextTagRef &tag() const { return m_tag; }
     const HXDefinitionRef &definition() const { return m_definition; }

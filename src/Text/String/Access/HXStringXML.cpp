@@ -1,0 +1,392 @@
+#include "Text/String/Access/HXStringXML.h"
+
+#include "Text/Markup/HXMarkup.h"
+#include "Text/String/Access/HXMutableString.h"
+#include "Text/String/Atoms/HXEscapeAtom.h"
+#include "Text/String/Parser/HXTextParser.h"
+#include "Utilities/HXXMLReader.h"
+
+namespace {
+
+// --- Writing --------------------------------------------------------------------------------
+
+void addChunks(const QList<HXChunk> &chunks, HXXMLElement &parent);
+
+HXXMLElement elementXML(const HXTextElement &element) {
+    HXXMLElement xml(QStringLiteral("element"));
+    const HXDefinitionRef definition = element.definition();
+    xml.setAttribute(QStringLiteral("kind"), definition ? definition->identifier() : QString());
+    if (!element.isClosed() && !element.isObject())
+        xml.setAttribute(QStringLiteral("closed"), QStringLiteral("no"));
+    const HXTextTagRef &tag = element.tag();
+    if (tag && !element.isEntity() && element.headAtom())
+        xml.setAttribute(QStringLiteral("startTag"), element.headAtom()->stringRepresentation());
+    if (tag && element.isClosed() && !element.isEntity() && !element.isObject() &&
+        !tag->patternIsSimple(1) && element.tailAtom())
+        xml.setAttribute(QStringLiteral("endTag"), element.tailAtom()->stringRepresentation());
+    if (const auto &attributes = element.attributes()) {
+        attributes->enumerateAttributes(
+            [&](const QString &identifier, const QVariant &value, const HXTagAttribute &) {
+                HXXMLElement attribute(QStringLiteral("attribute"));
+                attribute.setAttribute(QStringLiteral("identifier"), identifier);
+                attribute.addText(HXXMLStringByRemovingForbiddenCharacters(value.toString()));
+                xml.addChild(attribute);
+            });
+    }
+    addChunks(element.innerChunks(), xml);
+    return xml;
+}
+
+void addChunks(const QList<HXChunk> &chunks, HXXMLElement &parent) {
+    for (const HXChunk &chunk : chunks) {
+        if (const auto *element = chunk.as<HXTextElement>()) {
+            parent.addChild(elementXML(*element));
+        } else if (const auto *escape = chunk.as<HXEscapeAtom>()) {
+            HXXMLElement xml(QStringLiteral("escape"));
+            xml.addText(escape->string());
+            parent.addChild(xml);
+        } else {
+            QString text = HXXMLStringByRemovingForbiddenCharacters(chunk.string());
+            text.remove(QLatin1Char('\n'));
+            if (!text.isEmpty())
+                parent.addText(text);
+        }
+    }
+}
+
+HXXMLElement paragraphXML(const HXParagraph &paragraph) {
+    HXXMLElement xml(QStringLiteral("p"));
+    addChunks(paragraph.children(), xml);
+    QList<HXTextTagRef> prefix = paragraph.groupings();
+    if (paragraph.tag())
+        prefix.append(paragraph.tag());
+    QList<HXTextAtomRef> atoms = paragraph.groupTagStrings();
+    if (paragraph.tagString())
+        atoms.append(paragraph.tagString());
+    if (!prefix.isEmpty() && atoms.size() == prefix.size()) {
+        HXXMLElement tags(QStringLiteral("tags"));
+        for (qsizetype i = 0; i < prefix.size(); ++i) {
+            HXXMLElement tag(QStringLiteral("tag"));
+            if (prefix.at(i))
+                tag.setAttribute(QStringLiteral("kind"), prefix.at(i)->definition()->identifier());
+            tag.addText(
+                HXXMLStringByRemovingForbiddenCharacters(atoms.at(i)->stringRepresentation()));
+            tags.addChild(tag);
+        }
+        xml.insertChild(0, tags);
+    }
+    if (paragraph.bookmark())
+        xml.insertChild(0, HXXMLElement(QStringLiteral("bookmark")));
+    return xml;
+}
+
+// --- Reading --------------------------------------------------------------------------------
+
+HXError failure(const QString &reason) {
+    return HXXMLReader::errorWithFailureReason(reason);
+}
+
+// Collects the text of an element: an escape, or a tag of a paragraph's prefix.
+class TextCollector : public HXXMLReading {
+public:
+    QString text;
+    QString kind;
+    bool readerWillStartElement(const QString &, const HXXMLAttributes &attributes,
+                                HXError *) override {
+        kind = attributes.value(QStringLiteral("kind"));
+        return true;
+    }
+    bool readerScannedString(const QString &string, HXError *) override {
+        text += string;
+        return true;
+    }
+};
+
+class ElementReader;
+
+// An attribute's identifier comes in its start tag; the collector keeps it as its kind.
+class AttributeCollector : public TextCollector {
+public:
+    bool readerWillStartElement(const QString &, const HXXMLAttributes &attributes,
+                                HXError *) override {
+        kind = attributes.value(QStringLiteral("identifier"));
+        return true;
+    }
+};
+
+// A paragraph's bookmark: an empty element.
+class BookmarkReader : public HXXMLReading {};
+
+// What paragraphs and elements share: text, elements and escapes among their chunks.
+class ChunkReader : public HXXMLReading {
+public:
+    explicit ChunkReader(std::shared_ptr<HXMarkup> markup)
+        : m_markup(std::move(markup)) {}
+
+    bool readerScannedString(const QString &string, HXError *) override {
+        if (!string.isEmpty())
+            target().appendChunk(HXChunk(string));
+        return true;
+    }
+
+protected:
+    virtual HXChunkString &target() = 0;
+    std::shared_ptr<HXXMLReading> chunkChild(const QString &name, HXError *error);
+    bool endChunkChild(const std::shared_ptr<HXXMLReading> &child);
+
+    std::shared_ptr<HXMarkup> m_markup;
+};
+
+class ElementReader : public ChunkReader {
+public:
+    using ChunkReader::ChunkReader;
+    std::shared_ptr<HXTextElement> element = std::make_shared<HXTextElement>();
+
+    bool readerWillStartElement(const QString &, const HXXMLAttributes &attributes,
+                                HXError *error) override {
+        const QString kind = attributes.value(QStringLiteral("kind"));
+        if (kind.isEmpty()) {
+            *error = failure(QStringLiteral("Element %1 has no 'kind' attribute")
+                                 .arg(QStringLiteral("element")));
+            return false;
+        }
+        const QString startTag = attributes.value(QStringLiteral("startTag"));
+        const HXTextTagRef tag = m_markup ? m_markup->tagWithIdentifier(kind, startTag) : nullptr;
+        const HXDefinitionRef definition =
+            tag ? tag->definition() : HXDefinition::definitionWithIdentifier(kind);
+        if (!definition || (!tag && definition->scope() != HXAttributedTextScope &&
+                            definition->scope() != HXObjectScope)) {
+            *error = failure(QStringLiteral("Invalid kind for element: %1").arg(kind));
+            return false;
+        }
+        const QString closed = attributes.value(QStringLiteral("closed"));
+        element->initWithStoredForm(
+            tag, definition, m_markup, closed.isNull() || closed == u"yes" || closed == u"true",
+            attributes.contains(QStringLiteral("startTag")) ? startTag : QString(),
+            attributes.value(QStringLiteral("endTag")));
+        return true;
+    }
+    std::shared_ptr<HXXMLReading>
+    readerDidFindChildElement(const QString &name, HXXMLReaderContext *, HXError *error) override {
+        if (name == u"attribute") {
+            if (!element->attributes())
+                return nullptr; // an element without attributes skips them
+            return std::make_shared<AttributeCollector>();
+        }
+        return chunkChild(name, error);
+    }
+    bool readerDidEndChildElement(const std::shared_ptr<HXXMLReading> &child, HXXMLReaderContext *,
+                                  HXError *) override {
+        return endChunkChild(child);
+    }
+
+protected:
+    HXChunkString &target() override { return *element; }
+};
+
+std::shared_ptr<HXXMLReading> ChunkReader::chunkChild(const QString &name, HXError *error) {
+    if (name == u"element")
+        return std::make_shared<ElementReader>(m_markup);
+    if (name == u"escape")
+        return std::make_shared<TextCollector>();
+    *error = failure(QStringLiteral("Unexpected element \"%1\"").arg(name));
+    return nullptr;
+}
+
+bool ChunkReader::endChunkChild(const std::shared_ptr<HXXMLReading> &child) {
+    if (const auto element = std::dynamic_pointer_cast<ElementReader>(child)) {
+        target().appendChunk(HXChunk(element->element));
+        return true;
+    }
+    if (const auto attribute = std::dynamic_pointer_cast<AttributeCollector>(child)) {
+        auto *elementReader = dynamic_cast<ElementReader *>(this);
+        elementReader->element->attributes()->setObject(attribute->text, attribute->kind);
+        return true;
+    }
+    if (const auto escape = std::dynamic_pointer_cast<TextCollector>(child)) {
+        target().appendChunk(HXChunk(std::make_shared<HXEscapeAtom>(escape->text)));
+        return true;
+    }
+    return true;
+}
+
+class ParagraphReader : public ChunkReader {
+public:
+    ParagraphReader(std::shared_ptr<HXMarkup> markup, HXDefinitionSelector definitions)
+        : ChunkReader(markup)
+        , paragraph(HXParagraph::paragraphWithString(QString(), markup, definitions)) {}
+
+    HXParagraphRef paragraph;
+
+    std::shared_ptr<HXXMLReading>
+    readerDidFindChildElement(const QString &name, HXXMLReaderContext *, HXError *error) override {
+        if (name == u"bookmark")
+            return std::make_shared<BookmarkReader>();
+        if (name == u"tags") {
+            m_tags = std::make_shared<TagsReader>(m_markup);
+            return m_tags;
+        }
+        return chunkChild(name, error);
+    }
+    bool readerDidEndChildElement(const std::shared_ptr<HXXMLReading> &child, HXXMLReaderContext *,
+                                  HXError *error) override {
+        if (child == m_tags) {
+            if (!m_tags->failure.isNull()) {
+                *error = m_tags->failure;
+                return false;
+            }
+            paragraph->setGroupings(m_tags->groupings, m_tags->tag, m_tags->strings);
+            return true;
+        }
+        if (std::dynamic_pointer_cast<BookmarkReader>(child)) {
+            paragraph->setBookmark(HXBookmark::bookmark());
+            return true;
+        }
+        return endChunkChild(child);
+    }
+
+protected:
+    HXChunkString &target() override { return *paragraph; }
+
+private:
+    // The prefix of a paragraph: one `tag` for each grouping and the paragraph's tag.
+    class TagsReader : public HXXMLReading {
+    public:
+        explicit TagsReader(std::shared_ptr<HXMarkup> markup)
+            : m_markup(std::move(markup)) {}
+        QList<HXTextTagRef> groupings;
+        HXTextTagRef tag;
+        QStringList strings;
+        HXError failure;
+
+        std::shared_ptr<HXXMLReading> readerDidFindChildElement(const QString &name,
+                                                                HXXMLReaderContext *,
+                                                                HXError *error) override {
+            if (name != u"tag") {
+                *error = ::failure(QStringLiteral("Unexpected element \"%1\"").arg(name));
+                return nullptr;
+            }
+            return std::make_shared<TextCollector>();
+        }
+        bool readerDidEndChildElement(const std::shared_ptr<HXXMLReading> &child,
+                                      HXXMLReaderContext *, HXError *error) override {
+            const auto &entry = static_cast<const TextCollector &>(*child);
+            if (entry.text.isEmpty()) {
+                *error = ::failure(QStringLiteral("Empty tag for paragraph!"));
+                return false;
+            }
+            HXTextTagRef found;
+            if (!entry.kind.isEmpty()) {
+                found = m_markup ? m_markup->tagWithIdentifier(entry.kind, entry.text.trimmed())
+                                 : nullptr;
+                if (!found) {
+                    *error = ::failure(
+                        QStringLiteral("Invalid kind \"%1\" for paragaph").arg(entry.kind));
+                    return false;
+                }
+            }
+            if (found && found->definition()->groupingType() == HXGroupingNone) {
+                if (tag) {
+                    *error = ::failure(QStringLiteral("Two tags defined on paragraph!"));
+                    return false;
+                }
+                tag = found;
+            } else {
+                groupings.append(found);
+            }
+            strings.append(entry.text);
+            return true;
+        }
+
+    private:
+        std::shared_ptr<HXMarkup> m_markup;
+    };
+
+    std::shared_ptr<TagsReader> m_tags;
+};
+
+class StringReader : public HXXMLReading {
+public:
+    StringReader(std::shared_ptr<HXMutableString> string, std::shared_ptr<HXMarkup> markup,
+                 HXDefinitionSelector definitions)
+        : m_string(std::move(string))
+        , m_markup(std::move(markup))
+        , m_definitions(definitions) {}
+
+    bool readerWillStartElement(const QString &name, const HXXMLAttributes &,
+                                HXError *error) override {
+        if (name != u"string") {
+            *error = failure(QStringLiteral("Unexpected element \"%1\"").arg(name));
+            return false;
+        }
+        return true;
+    }
+    std::shared_ptr<HXXMLReading>
+    readerDidFindChildElement(const QString &name, HXXMLReaderContext *, HXError *error) override {
+        if (name != u"p") {
+            *error = failure(QStringLiteral("Unexpected element \"%1\"").arg(name));
+            return nullptr;
+        }
+        return std::make_shared<ParagraphReader>(m_markup, m_definitions);
+    }
+    // A paragraph is held back until the next one comes: only then is its line feed known.
+    bool readerDidEndChildElement(const std::shared_ptr<HXXMLReading> &child, HXXMLReaderContext *,
+                                  HXError *) override {
+        if (m_heldBack) {
+            m_heldBack->appendChunk(HXChunk(QStringLiteral("\n")));
+            append(m_heldBack);
+        }
+        m_heldBack = static_cast<ParagraphReader &>(*child).paragraph;
+        return true;
+    }
+    bool readerWillEndElement(HXXMLReaderContext *, HXError *) override {
+        if (m_heldBack && m_heldBack->length() > 0)
+            append(m_heldBack);
+        m_heldBack = nullptr;
+        return true;
+    }
+
+private:
+    void append(const HXParagraphRef &paragraph) {
+        // Parsed anew: the stored tags and elements are taken up where the text still has them.
+        HXTextParser::reparseParagraph(*paragraph);
+        m_string->appendChunk(HXChunk(paragraph));
+    }
+
+    std::shared_ptr<HXMutableString> m_string;
+    std::shared_ptr<HXMarkup> m_markup;
+    HXDefinitionSelector m_definitions;
+    HXParagraphRef m_heldBack;
+};
+
+} // namespace
+
+HXXMLElement HXStringXML::XMLElement(const HXString &string) {
+    HXXMLElement xml(QStringLiteral("string"));
+    xml.setAttribute(QStringLiteral("xml:space"), QStringLiteral("preserve"));
+    xml.addText(QStringLiteral("\n"));
+    const QList<HXParagraphRef> paragraphs = string.paragraphs();
+    for (const HXParagraphRef &paragraph : paragraphs) {
+        xml.addChild(paragraphXML(*paragraph));
+        xml.addText(QStringLiteral("\n"));
+    }
+    if (!paragraphs.isEmpty() && paragraphs.last()->endsInLineFeed()) {
+        xml.addChild(HXXMLElement(QStringLiteral("p")));
+        xml.addText(QStringLiteral("\n"));
+    }
+    return xml;
+}
+
+QByteArray HXStringXML::XMLData(const HXString &string) {
+    return XMLElement(string).xmlDocumentData();
+}
+
+std::shared_ptr<HXMutableString>
+HXStringXML::stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXMarkup> &markup,
+                               HXDefinitionSelector recognizedDefinitions, HXError *error) {
+    auto string = HXMutableString::stringWithMarkup(markup, recognizedDefinitions);
+    StringReader reader(string, markup, recognizedDefinitions);
+    if (!HXXMLReader::readFromData(data, reader, error))
+        return nullptr;
+    return string;
+}

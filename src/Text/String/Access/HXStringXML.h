@@ -1,0 +1,33 @@
+#pragma once
+
+#include "Text/Markup/HXDefinition.h"
+#include "Utilities/HXError.h"
+#include "Utilities/HXXMLElement.h"
+
+#include <QByteArray>
+
+#include <memory>
+
+class HXMarkup;
+class HXMutableString;
+class HXString;
+
+// The stored and exchanged form of a string: a `string` element of `p` elements, each with its
+// bookmark, the texts of its prefix tags, its plain runs, elements with their attributes, and
+// escapes. Line feeds between paragraphs are not stored; an empty last `p` stands for a final
+// line feed. Reading parses each paragraph anew, so the tree comes out as it was written.
+// Reentrant: each read builds its own objects; any thread.
+class HXStringXML {
+public:
+    HXStringXML() = delete;
+
+    static inline const QString pasteboardType = QStringLiteral("com.quaytor.velmora3.string");
+
+    static HXXMLElement XMLElement(const HXString &string);
+    // A whole document: the declaration and the `string` element.
+    static QByteArray XMLData(const HXString &string);
+    // The string of a document, in the markup; nothing and the reader's error when it fails.
+    static std::shared_ptr<HXMutableString>
+    stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXMarkup> &markup,
+                      HXDefinitionSelector recognizedDefinitions, HXError *error);
+};

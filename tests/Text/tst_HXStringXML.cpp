@@ -1,0 +1,133 @@
+// The XML form of strings: random texts written and read back to the same tree, the details of
+// the form, and damaged documents that must give an error, never a crash.
+
+#include "HXTestSupport.h"
+#include "HXTextTestSupport.h"
+#include "Text/String/Access/HXMutableString.h"
+#include "Text/String/Access/HXStringXML.h"
+
+#include <QRandomGenerator>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+using HXTextTestSupport::markup;
+
+QByteArray written(const QString &text, const std::shared_ptr<HXMarkup> &under = markup()) {
+    return HXStringXML::XMLData(*HXString::stringWithString(text, under));
+}
+
+std::shared_ptr<HXMutableString> read(const QByteArray &data, HXError *error = nullptr,
+                                      const std::shared_ptr<HXMarkup> &under = markup()) {
+    HXError ignored;
+    return HXStringXML::stringWithXMLData(data, under, HXDefaultDefinitionSelector,
+                                          error ? error : &ignored);
+}
+
+QByteArray document(const QByteArray &body) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<string xml:space=\"preserve\">" + body +
+           "</string>\n";
+}
+
+} // namespace
+
+class tst_HXStringXML : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void randomTextsComeBackAsTheyWere();
+    void detailsOfTheForm();
+    void elementsOfUnknownKinds();
+    void damagedDocumentsFail();
+};
+
+void tst_HXStringXML::randomTextsComeBackAsTheyWere() {
+    static const QStringList alphabet{u"*"_s,    u"**"_s,  u"_"_s,   u"`"_s,  u"# "_s, u"> "_s,
+                                      u"- "_s,   u"1. "_s, u"\\"_s,  u" "_s,  u"\n"_s, u"\n"_s,
+                                      u"word"_s, u"é"_s,   u"<&>"_s, u"\t"_s, u"~~"_s, u"=="_s};
+    QRandomGenerator random(8);
+    for (const auto &under : HXMarkup::intrinsicMarkups()) {
+        for (int round = 0; round < 60; ++round) {
+            QString text;
+            for (int i = int(random.bounded(40)); i > 0; --i)
+                text += alphabet.at(qsizetype(random.bounded(quint32(alphabet.size()))));
+            const auto original = HXString::stringWithString(text, under);
+            const QByteArray xml = HXStringXML::XMLData(*original);
+            HXError error;
+            const auto back = read(xml, &error, under);
+            QVERIFY2(back, qPrintable(error.localizedFailureReason() + u"\n"_s + text));
+            QCOMPARE(back->string(), text);
+            QVERIFY2(back->isEqualToChunkString(*original), qPrintable(QString::fromUtf8(xml)));
+            back->checkInvariants();
+            QCOMPARE(HXStringXML::XMLData(*back), xml);
+        }
+    }
+}
+
+void tst_HXStringXML::detailsOfTheForm() {
+    // A final line feed is an empty last paragraph; an empty string has none.
+    QVERIFY(written(u"a\n"_s).contains("<p>a</p>\n<p/>"));
+    QVERIFY(!written(QString()).contains("<p"));
+    QCOMPARE(read(written(u"a\n"_s))->paragraphs().size(), 1);
+    // A closed strong element stores its start tag only: its end comes from the pattern.
+    QVERIFY(written(u"**b**"_s).contains(R"(<element kind="strong" startTag="**">b</element>)"));
+    QVERIFY(written(u"**b"_s).contains(R"(closed="no")"));
+    // An object stores neither; a bookmark comes before the tags.
+    auto string = HXMutableString::stringWithMarkup(markup());
+    string->setString(u"# x\n"_s);
+    string->setBookmark(HXBookmark::bookmark(), 0);
+    string->appendString(u"y"_s);
+    auto image = HXTextElement::elementWithTag(HXTextTestSupport::tag("image"), markup());
+    string->replaceCharactersInRange(HXRange{string->length(), 0},
+                                     HXChunk(HXString::stringWithTextElement(image)));
+    const QByteArray xml = HXStringXML::XMLData(*string);
+    QVERIFY(xml.contains(R"(<p><bookmark/><tags><tag kind="heading1"># </tag></tags>x</p>)"));
+    QVERIFY(xml.contains(R"(y<element kind="image"/></p>)"));
+    const auto back = read(xml);
+    QVERIFY(back->paragraphs().first()->bookmark());
+    QVERIFY(back->isEqualToChunkString(*string));
+    // Characters a file can't hold are dropped when reading.
+    QCOMPARE(read(document("<p>a\x01"
+                           "b</p>"))
+                 ->string(),
+             u"ab"_s);
+}
+
+void tst_HXStringXML::elementsOfUnknownKinds() {
+    HXError error;
+    QVERIFY(!read(document(R"(<p><element kind="nothing">x</element></p>)"), &error));
+    QCOMPARE(error.localizedFailureReason(), u"Invalid kind for element: nothing"_s);
+    // Without a tag in the markup, text elements fail and entities load.
+    const auto plain = HXMarkup::intrinsicMarkups().value(u"markdown"_s);
+    QVERIFY(!read(document(R"(<p><element kind="delete" startTag="~~">x</element></p>)"), &error,
+                  plain));
+    QVERIFY(read(document(R"(<p>a<element kind="footnote"/></p>)"), &error, plain));
+    QVERIFY(!read(document(R"(<p><element kind="link"><attribute identifier="nope">u</attribute>)"
+                           R"(t</element></p>)"),
+                  &error));
+    QVERIFY2(error.localizedFailureReason().startsWith(u"Exception while parsing xml: \""_s),
+             qPrintable(error.localizedFailureReason()));
+    QVERIFY(!read(document("<p><b/></p>"), &error));
+    QVERIFY(!read(document(R"(<p><tags><tag kind="heading1"></tag></tags></p>)"), &error));
+    QCOMPARE(error.localizedFailureReason(), u"Empty tag for paragraph!"_s);
+    QVERIFY(!read(document(R"(<p><tags><tag kind="heading1">#</tag><tag kind="heading2">##)"
+                           R"(</tag></tags></p>)"),
+                  &error));
+    QCOMPARE(error.localizedFailureReason(), u"Two tags defined on paragraph!"_s);
+}
+
+void tst_HXStringXML::damagedDocumentsFail() {
+    const QByteArray xml = written(u"# T\n*a* **b** \\* `c`\n> - x\n"_s);
+    const qsizetype complete = xml.lastIndexOf("</string>");
+    for (qsizetype length = 0; length < complete; ++length) {
+        HXError error;
+        QVERIFY2(!read(xml.left(length), &error), qPrintable(QString::number(length)));
+        QVERIFY(!error.localizedFailureReason().isEmpty());
+    }
+    HXError error;
+    QVERIFY(!read(document("<p>\xff\xfe</p><p><element></element></p>"), &error));
+}
+
+HX_TEST_MAIN(tst_HXStringXML)
+#include "tst_HXStringXML.moc"
