@@ -3,7 +3,7 @@
 
 #include "HXTestSupport.h"
 #include "HXTextTestSupport.h"
-#include "Text/String/Access/HXMutableString.h"
+#include "Text/String/Access/HXAtomicString.h"
 #include "Text/String/Access/HXStringXML.h"
 
 #include <QRandomGenerator>
@@ -39,6 +39,7 @@ private Q_SLOTS:
     void randomTextsComeBackAsTheyWere();
     void detailsOfTheForm();
     void elementsOfUnknownKinds();
+    void attributesAndNestedStrings();
     void damagedDocumentsFail();
 };
 
@@ -115,6 +116,45 @@ void tst_HXStringXML::elementsOfUnknownKinds() {
                            R"(</tag></tags></p>)"),
                   &error));
     QCOMPARE(error.localizedFailureReason(), u"Two tags defined on paragraph!"_s);
+}
+
+void tst_HXStringXML::attributesAndNestedStrings() {
+    auto link = HXTextElement::elementWithURLString(u"https://example.org/?a=1&b=<2>"_s, u"site"_s,
+                                                    HXTextTestSupport::tag("link"), markup());
+    QCOMPARE(link->attributes()->objectForKey(u"URL"_s).toString(),
+             u"https://example.org/?a=1&b=<2>"_s);
+    auto annotation = HXTextElement::elementWithTag(HXTextTestSupport::tag("annotation"), markup());
+    QVERIFY(!annotation->attributes()->setURLString(u"x"_s));
+    QCOMPARE(HXTestSupport::assertionText(
+                 [&] { annotation->attributes()->setObject(u"x"_s, u"text"_s); }),
+             u"Setting text attributes is forbidden"_s);
+
+    // A footnote's text is made on first use, kept, can't hold footnotes, and is copied deeply.
+    auto footnote = HXTextElement::elementWithTag(HXTextTestSupport::tag("footnote"), markup());
+    QCOMPARE(footnote->attributes()->count(), 0);
+    const auto text = footnote->attributes()->nestedStringForKey(u"text"_s);
+    QCOMPARE(text->length(), 0u);
+    QCOMPARE(footnote->attributes()->count(), 1);
+    QCOMPARE(text->recognizedDefinitions(), HXNestedStringDefinitionSelector);
+    text->setString(u"a *note*\nwith two lines"_s);
+    const auto copied = footnote->attributes()->copy();
+    QVERIFY(copied->nestedStringForKey(u"text"_s) != text);
+    QVERIFY(copied->isEqual(*footnote->attributes()));
+
+    // Both come back from the stored form, the nested string with its structure.
+    auto string = HXMutableString::stringWithMarkup(markup());
+    string->setString(u"see  and\n"_s);
+    string->replaceCharactersInRange(HXRange{4, 0},
+                                     HXChunk(HXString::stringWithTextElement(footnote)));
+    string->replaceCharactersInRange(HXRange{5, 0}, HXChunk(HXString::stringWithTextElement(link)));
+    const auto back = read(HXStringXML::XMLData(*string));
+    QVERIFY(back);
+    QVERIFY(back->isEqualToChunkString(*string));
+    const auto readNote = back->textElementStartingAtIndex(4);
+    QCOMPARE(readNote->attributes()->nestedStringForKey(u"text"_s)->string(),
+             u"a *note*\nwith two lines"_s);
+    QVERIFY(!read(document(R"(<p><element kind="link"><attribute identifier="URL"><string/>)"
+                           R"(</attribute></element></p>)")));
 }
 
 void tst_HXStringXML::damagedDocumentsFail() {

@@ -40,6 +40,7 @@ private Q_SLOTS:
     void structureComesBack();
     void markupChangeClearsHistory();
     void randomEditsUndoneAndRedone();
+    void attributeChanges();
 };
 
 void tst_HXTextUndo::typingIsOneStep() {
@@ -145,6 +146,26 @@ void tst_HXTextUndo::randomEditsUndoneAndRedone() {
     QCOMPARE(editor.string->string(), last->string());
     QVERIFY(editor.string->isEqualToChunkString(*last));
     editor.string->checkInvariants();
+}
+
+void tst_HXTextUndo::attributeChanges() {
+    Editor editor(u"a "_s);
+    auto link = HXTextElement::elementWithURLString(
+        u"one"_s, u"link"_s, HXTextTestSupport::tag("link"), HXTextTestSupport::markup());
+    editor.string->replaceCharactersInRange(HXRange{2, 0},
+                                            HXChunk(HXString::stringWithTextElement(link)));
+    editor.string->breakUndoCoalescing();
+    const auto placed = editor.string->textElementStartingAtIndex(2);
+    // Two changes of the same element are one step; undo puts the first value back.
+    editor.string->setAttributeValue(u"two"_s, u"URL"_s, *placed);
+    editor.string->setAttributeValue(u"three"_s, u"URL"_s, *placed);
+    editor.string->setAttributeValue(u"A title"_s, u"title"_s, *placed);
+    editor.undo->undo();
+    QCOMPARE(placed->attributes()->objectForKey(u"URL"_s).toString(), u"one"_s);
+    QVERIFY(!placed->attributes()->objectForKey(u"title"_s).isValid());
+    editor.undo->redo();
+    QCOMPARE(placed->attributes()->objectForKey(u"URL"_s).toString(), u"three"_s);
+    QCOMPARE(placed->attributes()->objectForKey(u"title"_s).toString(), u"A title"_s);
 }
 
 HX_TEST_MAIN(tst_HXTextUndo)

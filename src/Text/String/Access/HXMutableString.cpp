@@ -1,6 +1,7 @@
 #include "Text/String/Access/HXMutableString.h"
 
 #include "Text/String/Parser/HXTextParser.h"
+#include "Text/String/Undo/HXAttributeUndoOperation.h"
 #include "Text/String/Undo/HXTextUndoOperation.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXUndoManager.h"
@@ -362,6 +363,7 @@ void HXMutableString::setUndoManager(const std::shared_ptr<HXUndoManager> &undoM
 
 void HXMutableString::clearCurrentOperations() {
     m_currentTextOperation.reset();
+    m_currentAttributeOperation.reset();
 }
 
 void HXMutableString::undoGroupOpened() {
@@ -403,8 +405,37 @@ void HXMutableString::willChangeValueOfAttribute(const QString &attributeIdentif
         return;
     HX_ASSERT(!attributeIdentifier.isNull(), u"Invalid parameter not satisfying: %s",
               "attributeIdentifier != nil");
+    trackUndoForChangeOfAttributes({attributeIdentifier}, element);
+}
+
+void HXMutableString::trackUndoForChangeOfAttributes(const QStringList &attributeIdentifiers,
+                                                     const HXTextElement &element) {
     const HXRange range = rangeOfTextElement(element);
+    if (m_undoManager->isUndoing() || m_undoManager->isRedoing()) {
+        clearCurrentOperations();
+        HXAttributeUndoOperation::commitEditInString(*this, element, attributeIdentifiers);
+        notifyObservers(range, HXChunk(), range, range, range);
+        return;
+    }
     forEachObserver([&](HXStringObserver &observer) {
         observer.stringWillChangeAttributesOfElementAtIndex(*this, range.location);
+    });
+    if (m_currentAttributeOperation && m_currentAttributeOperation->coalesceChangeOfAttributes(
+                                           attributeIdentifiers, element, range.location))
+        return;
+    auto operation =
+        HXAttributeUndoOperation::commitEditInString(*this, element, attributeIdentifiers);
+    m_currentAttributeOperation = std::move(operation);
+}
+
+void HXMutableString::setAttributeValue(const QVariant &value, const QString &attributeIdentifier,
+                                        const HXTextElement &element) {
+    writing([&] {
+        HX_ASSERT(element.attributes(), u"Element %@ has no attributes.", element.description());
+        willChangeValueOfAttribute(attributeIdentifier, element);
+        if (value.isValid())
+            element.attributes()->setObject(value, attributeIdentifier);
+        else
+            element.attributes()->removeObjectForKey(attributeIdentifier);
     });
 }

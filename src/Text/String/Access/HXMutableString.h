@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+class HXAttributeUndoOperation;
 class HXTextUndoOperation;
 class HXUndoManager;
 
@@ -60,6 +61,12 @@ public:
                                    HXRange replacementRange);
     void willChangeValueOfAttribute(const QString &attributeIdentifier,
                                     const HXTextElement &element);
+    void trackUndoForChangeOfAttributes(const QStringList &attributeIdentifiers,
+                                        const HXTextElement &element);
+    // The door for attributes of the string's elements: sets a string or URL value, or removes
+    // it for an invalid value, after telling undo and the observers.
+    void setAttributeValue(const QVariant &value, const QString &attributeIdentifier,
+                           const HXTextElement &element);
 
 protected:
     // Swaps the markup and moves this string's observation to the new one.
@@ -81,6 +88,7 @@ private:
     std::vector<std::weak_ptr<HXStringObserver>> m_observers;
     std::shared_ptr<HXUndoManager> m_undoManager;
     std::shared_ptr<HXTextUndoOperation> m_currentTextOperation;
+    std::shared_ptr<HXAttributeUndoOperation> m_currentAttributeOperation;
 };
 
 using HXMutableStringRef = std::shared_ptr<HXMutableString>;

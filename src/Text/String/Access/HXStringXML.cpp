@@ -1,7 +1,7 @@
 #include "Text/String/Access/HXStringXML.h"
 
 #include "Text/Markup/HXMarkup.h"
-#include "Text/String/Access/HXMutableString.h"
+#include "Text/String/Access/HXAtomicString.h"
 #include "Text/String/Atoms/HXEscapeAtom.h"
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXXMLReader.h"
@@ -25,13 +25,23 @@ HXXMLElement elementXML(const HXTextElement &element) {
         !tag->patternIsSimple(1) && element.tailAtom())
         xml.setAttribute(QStringLiteral("endTag"), element.tailAtom()->stringRepresentation());
     if (const auto &attributes = element.attributes()) {
-        attributes->enumerateAttributes(
-            [&](const QString &identifier, const QVariant &value, const HXTagAttribute &) {
-                HXXMLElement attribute(QStringLiteral("attribute"));
-                attribute.setAttribute(QStringLiteral("identifier"), identifier);
-                attribute.addText(HXXMLStringByRemovingForbiddenCharacters(value.toString()));
-                xml.addChild(attribute);
-            });
+        for (const HXTagAttributeRef &attribute : definition->attributes()) {
+            const QString &identifier = attribute->identifier();
+            HXXMLElement value(QStringLiteral("attribute"));
+            value.setAttribute(QStringLiteral("identifier"), identifier);
+            if (attribute->kind() == HXTagAttributeKindNestedString) {
+                const auto nested = attributes->existingNestedStringForKey(identifier);
+                if (!nested)
+                    continue;
+                value.addChild(HXStringXML::XMLElement(*nested));
+            } else {
+                const QVariant stored = attributes->objectForKey(identifier);
+                if (!stored.isValid())
+                    continue;
+                value.addText(HXXMLStringByRemovingForbiddenCharacters(stored.toString()));
+            }
+            xml.addChild(value);
+        }
     }
     addChunks(element.innerChunks(), xml);
     return xml;
@@ -104,14 +114,32 @@ public:
 
 class ElementReader;
 
-// An attribute's identifier comes in its start tag; the collector keeps it as its kind.
+class StringReader;
+
+// One attribute of an element: its identifier comes in its start tag, a string or URL as its
+// text, the text of a footnote as a nested `string` element.
 class AttributeCollector : public TextCollector {
 public:
+    AttributeCollector(std::shared_ptr<HXTextElement> element, std::shared_ptr<HXMarkup> markup)
+        : m_element(std::move(element))
+        , m_markup(std::move(markup)) {}
     bool readerWillStartElement(const QString &, const HXXMLAttributes &attributes,
                                 HXError *) override {
         kind = attributes.value(QStringLiteral("identifier"));
         return true;
     }
+    std::shared_ptr<HXXMLReading>
+    readerDidFindChildElement(const QString &name, HXXMLReaderContext *, HXError *error) override;
+    bool readerWillEndElement(HXXMLReaderContext *, HXError *) override {
+        if (!m_nested)
+            m_element->attributes()->setObject(text, kind);
+        return true;
+    }
+
+private:
+    std::shared_ptr<HXTextElement> m_element;
+    std::shared_ptr<HXMarkup> m_markup;
+    bool m_nested = false;
 };
 
 // A paragraph's bookmark: an empty element.
@@ -171,7 +199,7 @@ public:
         if (name == u"attribute") {
             if (!element->attributes())
                 return nullptr; // an element without attributes skips them
-            return std::make_shared<AttributeCollector>();
+            return std::make_shared<AttributeCollector>(element, m_markup);
         }
         return chunkChild(name, error);
     }
@@ -198,11 +226,8 @@ bool ChunkReader::endChunkChild(const std::shared_ptr<HXXMLReading> &child) {
         target().appendChunk(HXChunk(element->element));
         return true;
     }
-    if (const auto attribute = std::dynamic_pointer_cast<AttributeCollector>(child)) {
-        auto *elementReader = dynamic_cast<ElementReader *>(this);
-        elementReader->element->attributes()->setObject(attribute->text, attribute->kind);
+    if (std::dynamic_pointer_cast<AttributeCollector>(child))
         return true;
-    }
     if (const auto escape = std::dynamic_pointer_cast<TextCollector>(child)) {
         target().appendChunk(HXChunk(std::make_shared<HXEscapeAtom>(escape->text)));
         return true;
@@ -358,6 +383,19 @@ private:
     HXDefinitionSelector m_definitions;
     HXParagraphRef m_heldBack;
 };
+
+std::shared_ptr<HXXMLReading> AttributeCollector::readerDidFindChildElement(const QString &name,
+                                                                            HXXMLReaderContext *,
+                                                                            HXError *error) {
+    const HXTagAttributeRef attribute = m_element->attributes()->attributeForKey(kind);
+    if (name != u"string" || attribute->kind() != HXTagAttributeKindNestedString) {
+        *error = failure(QStringLiteral("Unexpected string: %1").arg(name));
+        return nullptr;
+    }
+    m_nested = true;
+    return std::make_shared<StringReader>(m_element->attributes()->nestedStringForKey(kind),
+                                          m_markup, HXNestedStringDefinitionSelector);
+}
 
 } // namespace
 

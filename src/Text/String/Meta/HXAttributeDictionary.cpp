@@ -1,6 +1,8 @@
 #include "Text/String/Meta/HXAttributeDictionary.h"
 
+#include "Text/String/Access/HXAtomicString.h"
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXXMLElement.h"
 
 HXAttributeDictionary::HXAttributeDictionary(HXDefinitionRef definition,
                                              std::shared_ptr<HXMarkup> markup)
@@ -10,6 +12,11 @@ HXAttributeDictionary::HXAttributeDictionary(HXDefinitionRef definition,
 std::shared_ptr<HXAttributeDictionary> HXAttributeDictionary::copy() const {
     auto copy = std::make_shared<HXAttributeDictionary>(m_definition, m_markup);
     copy->m_store = m_store;
+    for (auto it = m_nestedStrings.cbegin(); it != m_nestedStrings.cend(); ++it) {
+        auto nested = HXAtomicString::stringWithMarkup(m_markup, HXNestedStringDefinitionSelector);
+        nested->setToString(*it.value());
+        copy->m_nestedStrings.insert(it.key(), nested);
+    }
     return copy;
 }
 
@@ -21,29 +28,113 @@ QStringList HXAttributeDictionary::sortedKeys() const {
     return keys;
 }
 
+HXTagAttributeRef HXAttributeDictionary::attributeForKey(const QString &key) const {
+    for (const HXTagAttributeRef &attribute : m_definition->attributes()) {
+        if (attribute->identifier() == key)
+            return attribute;
+    }
+    HX_ASSERT(false, u"Invalid identifier \"%@\"!", key);
+    return nullptr;
+}
+
 QVariant HXAttributeDictionary::objectForKey(const QString &key) const {
     return m_store.value(key);
 }
 
+std::shared_ptr<HXAtomicString> HXAttributeDictionary::nestedStringForKey(const QString &key) {
+    const HXTagAttributeRef attribute = attributeForKey(key);
+    if (attribute->kind() != HXTagAttributeKindNestedString)
+        return nullptr;
+    auto &nested = m_nestedStrings[key];
+    if (!nested) {
+        nested = HXAtomicString::stringWithMarkup(m_markup, HXNestedStringDefinitionSelector);
+        if (m_lockingContext.lock())
+            nested->setLockingContext(m_lockingContext);
+    }
+    return nested;
+}
+
+bool HXAttributeDictionary::canSetObject(const QVariant &value, const HXTagAttribute &attribute) {
+    switch (attribute.kind()) {
+    case HXTagAttributeKindString:
+    case HXTagAttributeKindURL:
+        return value.typeId() == QMetaType::QString;
+    default:
+        // Nested strings are edited in place; files come with their storage.
+        return false;
+    }
+}
+
+bool HXAttributeDictionary::canSetObject(const QVariant &value, const QString &key) const {
+    return canSetObject(value, *attributeForKey(key));
+}
+
 void HXAttributeDictionary::setObject(const QVariant &value, const QString &key) {
-    HX_ASSERT(sortedKeys().contains(key), u"Invalid identifier \"%@\"!", key);
-    m_store.insert(key, value);
+    const HXTagAttributeRef attribute = attributeForKey(key);
+    HX_ASSERT(attribute->kind() != HXTagAttributeKindNestedString,
+              u"Setting text attributes is forbidden");
+    HX_ASSERT(canSetObject(value, *attribute), u"Invalid object for attribute %@", key);
+    m_store.insert(key, HXXMLStringByRemovingForbiddenCharacters(value.toString()));
 }
 
 void HXAttributeDictionary::removeObjectForKey(const QString &key) {
     m_store.remove(key);
+    m_nestedStrings.remove(key);
+}
+
+bool HXAttributeDictionary::setURLString(const QString &urlString) {
+    for (const HXTagAttributeRef &attribute : m_definition->attributes()) {
+        if (attribute->kind() == HXTagAttributeKindURL) {
+            setObject(urlString, attribute->identifier());
+            return true;
+        }
+    }
+    return false;
+}
+
+bool HXAttributeDictionary::setString(const QString &string) {
+    for (const HXTagAttributeRef &attribute : m_definition->attributes()) {
+        if (attribute->kind() == HXTagAttributeKindString) {
+            setObject(string, attribute->identifier());
+            return true;
+        }
+    }
+    return false;
 }
 
 void HXAttributeDictionary::enumerateAttributes(
     const std::function<void(const QString &, const QVariant &, const HXTagAttribute &)> &block)
     const {
     for (const HXTagAttributeRef &attribute : m_definition->attributes()) {
-        const auto found = m_store.constFind(attribute->identifier());
-        if (found != m_store.constEnd())
-            block(found.key(), found.value(), *attribute);
+        const QString &key = attribute->identifier();
+        if (const auto nested = m_nestedStrings.value(key))
+            block(key, nested->string(), *attribute);
+        else if (m_store.contains(key))
+            block(key, m_store.value(key), *attribute);
+    }
+}
+
+void HXAttributeDictionary::setMarkup(const std::shared_ptr<HXMarkup> &markup) {
+    m_markup = markup;
+    for (const auto &nested : std::as_const(m_nestedStrings))
+        nested->setMarkup(markup);
+}
+
+void HXAttributeDictionary::setLockingContext(const std::weak_ptr<HXLockingContext> &context) {
+    m_lockingContext = context;
+    for (const auto &nested : std::as_const(m_nestedStrings)) {
+        if (context.lock())
+            nested->setLockingContext(context);
     }
 }
 
 bool HXAttributeDictionary::isEqual(const HXAttributeDictionary &other) const {
-    return HXDefinitionsEqual(m_definition, other.m_definition) && m_store == other.m_store;
+    if (!HXDefinitionsEqual(m_definition, other.m_definition) || m_store != other.m_store ||
+        m_nestedStrings.keys() != other.m_nestedStrings.keys())
+        return false;
+    for (auto it = m_nestedStrings.cbegin(); it != m_nestedStrings.cend(); ++it) {
+        if (!it.value()->isEqualToChunkString(*other.m_nestedStrings.value(it.key())))
+            return false;
+    }
+    return true;
 }

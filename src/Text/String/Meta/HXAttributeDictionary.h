@@ -3,44 +3,63 @@
 #include "Text/Markup/HXDefinition.h"
 #include "Text/String/Implementation/HXLockingContext.h"
 
+#include <QMap>
 #include <QVariant>
 #include <QVariantMap>
 
 #include <functional>
 #include <memory>
 
+class HXAtomicString;
 class HXMarkup;
 
-// The values that an entity carries beside its text, by attribute identifier: a link's URL, an
-// image's file. One for each entity whose definition declares attributes, owned by the element;
-// guarded by the lock of the string that owns the element.
+// The values that an entity carries beside its text, by attribute identifier: a link's URL and
+// title, a footnote's text. Strings and URLs are plain texts without the characters a file can't
+// hold; the text of a footnote or an annotation is a nested string of its own, made on first
+// use, that can't itself hold footnotes and takes the lock of the outer string. One for each
+// entity whose definition declares attributes, owned by the element; guarded by the lock of the
+// string that owns the element. Changes that undo should see go through the string.
 class HXAttributeDictionary {
 public:
     HXAttributeDictionary(HXDefinitionRef definition, std::shared_ptr<HXMarkup> markup);
-    // A copy of another dictionary's values.
+    // A copy: nested strings are copied, other values shared.
     std::shared_ptr<HXAttributeDictionary> copy() const;
 
     const HXDefinitionRef &definition() const { return m_definition; }
     // The identifiers of the definition's attributes, in its order.
     QStringList sortedKeys() const;
+    // The attribute of an identifier; an unknown one is the assertion.
+    HXTagAttributeRef attributeForKey(const QString &key) const;
+    // The value of a string or URL attribute; nothing for an unknown key or an unset value.
     QVariant objectForKey(const QString &key) const;
+    // The nested string of a text attribute, made and kept on first use.
+    std::shared_ptr<HXAtomicString> nestedStringForKey(const QString &key);
+    // The nested string of a text attribute if it was made, without making one.
+    std::shared_ptr<HXAtomicString> existingNestedStringForKey(const QString &key) const {
+        return m_nestedStrings.value(key);
+    }
     void setObject(const QVariant &value, const QString &key);
     void removeObjectForKey(const QString &key);
-    qsizetype count() const { return m_store.size(); }
-    // In the definition's order: identifier, value, attribute.
+    bool canSetObject(const QVariant &value, const QString &key) const;
+    static bool canSetObject(const QVariant &value, const HXTagAttribute &attribute);
+    // Store in the first attribute of the definition that takes the kind; false if none does.
+    bool setURLString(const QString &urlString);
+    bool setString(const QString &string);
+    qsizetype count() const { return m_store.size() + m_nestedStrings.size(); }
+    // In the definition's order: identifier, value (a nested string as its characters),
+    // attribute.
     void enumerateAttributes(const std::function<void(const QString &, const QVariant &,
                                                       const HXTagAttribute &)> &block) const;
 
-    void setMarkup(const std::shared_ptr<HXMarkup> &markup) { m_markup = markup; }
-    void setLockingContext(const std::weak_ptr<HXLockingContext> &context) {
-        m_lockingContext = context;
-    }
+    void setMarkup(const std::shared_ptr<HXMarkup> &markup);
+    void setLockingContext(const std::weak_ptr<HXLockingContext> &context);
     bool isEqual(const HXAttributeDictionary &other) const;
 
 private:
     HXDefinitionRef m_definition;
     std::shared_ptr<HXMarkup> m_markup;
     QVariantMap m_store;
+    QMap<QString, std::shared_ptr<HXAtomicString>> m_nestedStrings;
     std::weak_ptr<HXLockingContext> m_lockingContext;
 };
 
