@@ -88,6 +88,17 @@ void tst_HXStringXML::detailsOfTheForm() {
     const auto back = read(xml);
     QVERIFY(back->paragraphs().first()->bookmark());
     QVERIFY(back->isEqualToChunkString(*string));
+    // The pasteboard carries the same document, written under the lock of an atomic string.
+    auto atomic = HXAtomicString::stringWithMarkup(markup());
+    atomic->setToString(*string);
+    const QByteArray pasted =
+        HXStringXML::pasteboardPropertyListForType(*atomic, HXStringXML::pasteboardType);
+    QCOMPARE(pasted, xml);
+    QVERIFY(HXStringXML::stringWithPasteboardPropertyList(pasted, HXStringXML::pasteboardType,
+                                                          markup(), nullptr));
+    QCOMPARE(HXTestSupport::assertionText(
+                 [&] { HXStringXML::pasteboardPropertyListForType(*atomic, u"public.text"_s); }),
+             u"Invalid pasteboard type passed"_s);
     // Characters a file can't hold are dropped when reading.
     QCOMPARE(read(document("<p>a\x01"
                            "b</p>"))

@@ -4,6 +4,7 @@
 #include "Text/String/Access/HXAtomicString.h"
 #include "Text/String/Atoms/HXEscapeAtom.h"
 #include "Text/String/Parser/HXTextParser.h"
+#include "Utilities/HXAssert.h"
 #include "Utilities/HXXMLReader.h"
 
 namespace {
@@ -400,6 +401,15 @@ std::shared_ptr<HXXMLReading> AttributeCollector::readerDidFindChildElement(cons
 } // namespace
 
 HXXMLElement HXStringXML::XMLElement(const HXString &string) {
+    if (const auto context = string.lockingContext().lock()) {
+        HXXMLElement xml(QStringLiteral("string"));
+        context->read([&] { xml = unlockedXMLElement(string); });
+        return xml;
+    }
+    return unlockedXMLElement(string);
+}
+
+HXXMLElement HXStringXML::unlockedXMLElement(const HXString &string) {
     HXXMLElement xml(QStringLiteral("string"));
     xml.setAttribute(QStringLiteral("xml:space"), QStringLiteral("preserve"));
     xml.addText(QStringLiteral("\n"));
@@ -427,4 +437,17 @@ HXStringXML::stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXM
     if (!HXXMLReader::readFromData(data, reader, error))
         return nullptr;
     return string;
+}
+
+QByteArray HXStringXML::pasteboardPropertyListForType(const HXString &string, const QString &type) {
+    HX_ASSERT(type == pasteboardType, u"Invalid pasteboard type passed");
+    return XMLData(string);
+}
+
+std::shared_ptr<HXMutableString>
+HXStringXML::stringWithPasteboardPropertyList(const QByteArray &data, const QString &type,
+                                              const std::shared_ptr<HXMarkup> &markup,
+                                              HXError *error) {
+    HX_ASSERT(type == pasteboardType, u"Invalid pasteboard type passed");
+    return stringWithXMLData(data, markup, HXDefaultDefinitionSelector, error);
 }

@@ -23,6 +23,7 @@ public:
 
     static inline const QString pasteboardType = QStringLiteral("com.quaytor.velmora3.string");
 
+    // Written under the string's read lock, when it has one.
     static HXXMLElement XMLElement(const HXString &string);
     // A whole document: the declaration and the `string` element.
     static QByteArray XMLData(const HXString &string);
@@ -30,4 +31,14 @@ public:
     static std::shared_ptr<HXMutableString>
     stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXMarkup> &markup,
                       HXDefinitionSelector recognizedDefinitions, HXError *error);
+
+    // The pasteboard form: the document's data under the string's type; another type is the
+    // assertion.
+    static QByteArray pasteboardPropertyListForType(const HXString &string, const QString &type);
+    static std::shared_ptr<HXMutableString>
+    stringWithPasteboardPropertyList(const QByteArray &data, const QString &type,
+                                     const std::shared_ptr<HXMarkup> &markup, HXError *error);
+
+private:
+    static HXXMLElement unlockedXMLElement(const HXString &string);
 };
