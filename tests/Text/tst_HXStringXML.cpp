@@ -164,6 +164,31 @@ void tst_HXStringXML::attributesAndNestedStrings() {
     const auto readNote = back->textElementStartingAtIndex(4);
     QCOMPARE(readNote->attributes()->nestedStringForKey(u"text"_s)->string(),
              u"a *note*\nwith two lines"_s);
+    // The standalone forms of the pasteboard: a set of attributes and a bookmark.
+    const QByteArray set = HXStringXML::attributesPasteboardPropertyList(
+        *link->attributes(), HXStringXML::attributesPasteboardType);
+    HXError error;
+    const auto pastedSet = HXStringXML::attributesWithPasteboardPropertyList(
+        set, HXStringXML::attributesPasteboardType, markup(), &error);
+    QVERIFY(pastedSet && pastedSet->isEqual(*link->attributes()));
+    auto standalone = [&](const QByteArray &body) {
+        HXStringXML::attributesWithPasteboardPropertyList("<?xml version=\"1.0\"?>" + body,
+                                                          HXStringXML::attributesPasteboardType,
+                                                          markup(), &error);
+        return error.localizedFailureReason();
+    };
+    QCOMPARE(standalone(R"(<attributes kind="nothing"/>)"), u"No definition found"_s);
+    QCOMPARE(standalone(R"(<attributes kind="link"><attribute identifier="URL"><string/>)"
+                        R"(</attribute></attributes>)"),
+             u"Unexpected string: string"_s);
+    QCOMPARE(standalone(R"(<attributes kind="image"><attribute identifier="image">x)"
+                        R"(</attribute></attributes>)"),
+             u"Invalid attribute value x"_s);
+    QVERIFY(HXBookmark::bookmarkWithPasteboardPropertyList(
+        HXBookmark::pasteboardPropertyListForType(HXBookmark::pasteboardType),
+        HXBookmark::pasteboardType, &error));
+    QVERIFY(!HXBookmark::bookmarkWithPasteboardPropertyList("<p/>", HXBookmark::pasteboardType,
+                                                            &error));
     QVERIFY(!read(document(R"(<p><element kind="link"><attribute identifier="URL"><string/>)"
                            R"(</attribute></element></p>)")));
 }

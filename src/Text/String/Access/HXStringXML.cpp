@@ -26,23 +26,8 @@ HXXMLElement elementXML(const HXTextElement &element) {
         !tag->patternIsSimple(1) && element.tailAtom())
         xml.setAttribute(QStringLiteral("endTag"), element.tailAtom()->stringRepresentation());
     if (const auto &attributes = element.attributes()) {
-        for (const HXTagAttributeRef &attribute : definition->attributes()) {
-            const QString &identifier = attribute->identifier();
-            HXXMLElement value(QStringLiteral("attribute"));
-            value.setAttribute(QStringLiteral("identifier"), identifier);
-            if (attribute->kind() == HXTagAttributeKindNestedString) {
-                const auto nested = attributes->existingNestedStringForKey(identifier);
-                if (!nested)
-                    continue;
-                value.addChild(HXStringXML::XMLElement(*nested));
-            } else {
-                const QVariant stored = attributes->objectForKey(identifier);
-                if (!stored.isValid())
-                    continue;
-                value.addText(HXXMLStringByRemovingForbiddenCharacters(stored.toString()));
-            }
-            xml.addChild(value);
-        }
+        for (const HXXMLElement &attribute : HXStringXML::attributeElements(*attributes))
+            xml.addChild(attribute);
     }
     addChunks(element.innerChunks(), xml);
     return xml;
@@ -121,9 +106,13 @@ class StringReader;
 // text, the text of a footnote as a nested `string` element.
 class AttributeCollector : public TextCollector {
 public:
-    AttributeCollector(std::shared_ptr<HXTextElement> element, std::shared_ptr<HXMarkup> markup)
-        : m_element(std::move(element))
-        , m_markup(std::move(markup)) {}
+    // In a string an attribute that can't take its value is a fault of the file, raised; in a
+    // standalone set it is an error of its own.
+    AttributeCollector(HXAttributeDictionaryRef attributes, std::shared_ptr<HXMarkup> markup,
+                       bool standalone = false)
+        : m_attributes(std::move(attributes))
+        , m_markup(std::move(markup))
+        , m_standalone(standalone) {}
     bool readerWillStartElement(const QString &, const HXXMLAttributes &attributes,
                                 HXError *) override {
         kind = attributes.value(QStringLiteral("identifier"));
@@ -131,15 +120,21 @@ public:
     }
     std::shared_ptr<HXXMLReading>
     readerDidFindChildElement(const QString &name, HXXMLReaderContext *, HXError *error) override;
-    bool readerWillEndElement(HXXMLReaderContext *, HXError *) override {
-        if (!m_nested)
-            m_element->attributes()->setObject(text, kind);
+    bool readerWillEndElement(HXXMLReaderContext *, HXError *error) override {
+        if (m_nested)
+            return true;
+        if (m_standalone && !m_attributes->canSetObject(text, kind)) {
+            *error = failure(QStringLiteral("Invalid attribute value %1").arg(text));
+            return false;
+        }
+        m_attributes->setObject(text, kind);
         return true;
     }
 
 private:
-    std::shared_ptr<HXTextElement> m_element;
+    HXAttributeDictionaryRef m_attributes;
     std::shared_ptr<HXMarkup> m_markup;
+    bool m_standalone;
     bool m_nested = false;
 };
 
@@ -200,7 +195,7 @@ public:
         if (name == u"attribute") {
             if (!element->attributes())
                 return nullptr; // an element without attributes skips them
-            return std::make_shared<AttributeCollector>(element, m_markup);
+            return std::make_shared<AttributeCollector>(element->attributes(), m_markup);
         }
         return chunkChild(name, error);
     }
@@ -375,8 +370,15 @@ public:
 private:
     void append(const HXParagraphRef &paragraph) {
         // Parsed anew: the stored tags and elements are taken up where the text still has them.
-        HXTextParser::reparseParagraph(*paragraph);
-        m_string->appendChunk(HXChunk(paragraph));
+        // A locked string is locked for each step, as nothing else knows it yet.
+        auto step = [&] {
+            HXTextParser::reparseParagraph(*paragraph);
+            m_string->appendChunk(HXChunk(paragraph));
+        };
+        if (const auto context = m_string->lockingContext().lock())
+            context->write(step);
+        else
+            step();
     }
 
     std::shared_ptr<HXMutableString> m_string;
@@ -388,17 +390,93 @@ private:
 std::shared_ptr<HXXMLReading> AttributeCollector::readerDidFindChildElement(const QString &name,
                                                                             HXXMLReaderContext *,
                                                                             HXError *error) {
-    const HXTagAttributeRef attribute = m_element->attributes()->attributeForKey(kind);
+    const HXTagAttributeRef attribute = m_attributes->attributeForKey(kind);
     if (name != u"string" || attribute->kind() != HXTagAttributeKindNestedString) {
         *error = failure(QStringLiteral("Unexpected string: %1").arg(name));
         return nullptr;
     }
     m_nested = true;
-    return std::make_shared<StringReader>(m_element->attributes()->nestedStringForKey(kind),
-                                          m_markup, HXNestedStringDefinitionSelector);
+    return std::make_shared<StringReader>(m_attributes->nestedStringForKey(kind), m_markup,
+                                          HXNestedStringDefinitionSelector);
 }
 
+// A standalone set of attributes: its root names the definition they belong to.
+class AttributesReader : public HXXMLReading {
+public:
+    explicit AttributesReader(std::shared_ptr<HXMarkup> markup)
+        : m_markup(std::move(markup)) {}
+    HXAttributeDictionaryRef attributes;
+
+    bool readerWillStartElement(const QString &name, const HXXMLAttributes &xmlAttributes,
+                                HXError *error) override {
+        const QString kind = xmlAttributes.value(QStringLiteral("kind"));
+        const HXTextTagRef tag = m_markup ? m_markup->tagWithIdentifier(kind) : nullptr;
+        const HXDefinitionRef definition =
+            tag ? tag->definition() : HXDefinition::definitionWithIdentifier(kind);
+        if (name != u"attributes" || !definition) {
+            *error = failure(QStringLiteral("No definition found"));
+            return false;
+        }
+        attributes = std::make_shared<HXAttributeDictionary>(definition, m_markup);
+        return true;
+    }
+    std::shared_ptr<HXXMLReading>
+    readerDidFindChildElement(const QString &name, HXXMLReaderContext *, HXError *error) override {
+        if (name != u"attribute") {
+            *error = failure(QStringLiteral("Unexpected string: %1").arg(name));
+            return nullptr;
+        }
+        return std::make_shared<AttributeCollector>(attributes, m_markup, true);
+    }
+
+private:
+    std::shared_ptr<HXMarkup> m_markup;
+};
+
 } // namespace
+
+QList<HXXMLElement> HXStringXML::attributeElements(const HXAttributeDictionary &attributes) {
+    QList<HXXMLElement> elements;
+    for (const HXTagAttributeRef &attribute : attributes.definition()->attributes()) {
+        const QString &identifier = attribute->identifier();
+        HXXMLElement value(QStringLiteral("attribute"));
+        value.setAttribute(QStringLiteral("identifier"), identifier);
+        if (attribute->kind() == HXTagAttributeKindNestedString) {
+            const auto nested = attributes.existingNestedStringForKey(identifier);
+            if (!nested)
+                continue;
+            value.addChild(XMLElement(*nested));
+        } else {
+            const QVariant stored = attributes.objectForKey(identifier);
+            if (!stored.isValid())
+                continue;
+            value.addText(HXXMLStringByRemovingForbiddenCharacters(stored.toString()));
+        }
+        elements.append(value);
+    }
+    return elements;
+}
+
+QByteArray HXStringXML::attributesPasteboardPropertyList(const HXAttributeDictionary &attributes,
+                                                         const QString &type) {
+    HX_ASSERT(type == attributesPasteboardType, u"Invalid pasteboard type passed");
+    HXXMLElement xml(QStringLiteral("attributes"));
+    xml.setAttribute(QStringLiteral("kind"), attributes.definition()->identifier());
+    for (const HXXMLElement &attribute : attributeElements(attributes))
+        xml.addChild(attribute);
+    return xml.xmlDocumentData();
+}
+
+HXAttributeDictionaryRef
+HXStringXML::attributesWithPasteboardPropertyList(const QByteArray &data, const QString &type,
+                                                  const std::shared_ptr<HXMarkup> &markup,
+                                                  HXError *error) {
+    HX_ASSERT(type == attributesPasteboardType, u"Invalid pasteboard type passed");
+    AttributesReader reader(markup);
+    if (!HXXMLReader::readFromData(data, reader, error))
+        return nullptr;
+    return reader.attributes;
+}
 
 HXXMLElement HXStringXML::XMLElement(const HXString &string) {
     if (const auto context = string.lockingContext().lock()) {

@@ -8,6 +8,7 @@
 
 #include <memory>
 
+class HXAttributeDictionary;
 class HXMarkup;
 class HXMutableString;
 class HXString;
@@ -22,6 +23,8 @@ public:
     HXStringXML() = delete;
 
     static inline const QString pasteboardType = QStringLiteral("com.quaytor.velmora3.string");
+    static inline const QString attributesPasteboardType =
+        QStringLiteral("com.quaytor.velmora3.attributes");
 
     // Written under the string's read lock, when it has one.
     static HXXMLElement XMLElement(const HXString &string);
@@ -38,6 +41,16 @@ public:
     static std::shared_ptr<HXMutableString>
     stringWithPasteboardPropertyList(const QByteArray &data, const QString &type,
                                      const std::shared_ptr<HXMarkup> &markup, HXError *error);
+
+    // The `attribute` elements of an element's values, in the definition's order.
+    static QList<HXXMLElement> attributeElements(const HXAttributeDictionary &attributes);
+    // The standalone form of an entity's attributes, under an `attributes` root that names the
+    // definition; it carries them on the pasteboard.
+    static QByteArray attributesPasteboardPropertyList(const HXAttributeDictionary &attributes,
+                                                       const QString &type);
+    static std::shared_ptr<HXAttributeDictionary>
+    attributesWithPasteboardPropertyList(const QByteArray &data, const QString &type,
+                                         const std::shared_ptr<HXMarkup> &markup, HXError *error);
 
 private:
     static HXXMLElement unlockedXMLElement(const HXString &string);
