@@ -5,6 +5,8 @@
 #include "HXTextTestSupport.h"
 #include "Text/String/Access/HXAtomicString.h"
 #include "Text/String/Access/HXStringXML.h"
+#include "Utilities/HXFileWrapper.h"
+#include "Utilities/HXXMLReaderContext.h"
 
 #include <QRandomGenerator>
 
@@ -30,6 +32,20 @@ QByteArray document(const QByteArray &body) {
            "</string>\n";
 }
 
+// Files beside the XML, in memory, by handle.
+class FileShelf : public HXXMLReaderContext {
+public:
+    QMap<QString, HXFileWrapperRef> files;
+    QString storeFileWrapper(const HXFileWrapperRef &file) override {
+        const QString handle = u"file-"_s + QString::number(files.size() + 1);
+        files.insert(handle, file);
+        return handle;
+    }
+    HXFileWrapperRef readFileWrapper(const QString &handle) override { return files.value(handle); }
+};
+
+const QByteArray pngBytes("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
+
 } // namespace
 
 class tst_HXStringXML : public QObject {
@@ -40,6 +56,7 @@ private Q_SLOTS:
     void detailsOfTheForm();
     void elementsOfUnknownKinds();
     void attributesAndNestedStrings();
+    void filesGoThroughTheContext();
     void damagedDocumentsFail();
 };
 
@@ -191,6 +208,50 @@ void tst_HXStringXML::attributesAndNestedStrings() {
                                                             &error));
     QVERIFY(!read(document(R"(<p><element kind="link"><attribute identifier="URL"><string/>)"
                            R"(</attribute></element></p>)")));
+}
+
+void tst_HXStringXML::filesGoThroughTheContext() {
+    auto image = HXTextElement::elementWithTag(HXTextTestSupport::tag("image"), markup());
+    QVERIFY(!image->attributes()->setFileWrapper(
+        HXFileWrapper::regularFileWithContents("plain words", u"notes.txt"_s)));
+    QVERIFY(image->attributes()->setFileWrapper(
+        HXFileWrapper::regularFileWithContents(pngBytes, u"harbour.png"_s)));
+    // The same bytes under another name are the same image.
+    auto other = HXTextElement::elementWithTag(HXTextTestSupport::tag("image"), markup());
+    other->attributes()->setFileWrapper(
+        HXFileWrapper::regularFileWithContents(pngBytes, u"copy.png"_s));
+    QVERIFY(image->attributes()->isEqual(*other->attributes()));
+
+    auto string = HXMutableString::stringWithMarkup(markup());
+    string->setString(u"a"_s);
+    string->replaceCharactersInRange(HXRange{1, 0},
+                                     HXChunk(HXString::stringWithTextElement(image)));
+    QVERIFY(string->containsFileWrapper());
+    FileShelf shelf;
+    const QByteArray xml = HXStringXML::XMLData(*string, &shelf);
+    QVERIFY(xml.contains(R"(<element kind="image"><attribute identifier="image">file-1)"));
+    QVERIFY(!HXStringXML::XMLData(*string).contains("file-1"));
+    HXError error;
+    const auto back =
+        HXStringXML::stringWithXMLData(xml, markup(), HXDefaultDefinitionSelector, &error, &shelf);
+    QVERIFY(back && back->isEqualToChunkString(*string));
+    // A file that can't be read is left out; the text loads.
+    FileShelf empty;
+    const auto without =
+        HXStringXML::stringWithXMLData(xml, markup(), HXDefaultDefinitionSelector, &error, &empty);
+    QVERIFY(without && !without->containsFileWrapper());
+
+    // A folder is written whole and read back the same.
+    const auto folder = HXFileWrapper::directoryWithFileWrappers(
+        {{u"Content.xml"_s, HXFileWrapper::regularFileWithContents(xml, u"Content.xml"_s)},
+         {u"Files"_s, HXFileWrapper::directoryWithFileWrappers(shelf.files)}});
+    const QString path = HXTestSupport::homeFolder().filePath(u"Sheet.package"_s);
+    QVERIFY(folder->writeToPath(path, &error));
+    QVERIFY(folder->writeToPath(path, &error)); // over the old one
+    const auto readFolder = HXFileWrapper::fileWrapperWithPath(path, &error);
+    QVERIFY(readFolder && readFolder->hasSameContentsAs(*folder));
+    QVERIFY(!HXFileWrapper::fileWrapperWithPath(path + u"/missing"_s, &error));
+    QVERIFY(error.localizedDescription().contains(u"missing"_s));
 }
 
 void tst_HXStringXML::damagedDocumentsFail() {

@@ -5,15 +5,16 @@
 #include "Text/String/Atoms/HXEscapeAtom.h"
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXFileWrapper.h"
 #include "Utilities/HXXMLReader.h"
 
 namespace {
 
 // --- Writing --------------------------------------------------------------------------------
 
-void addChunks(const QList<HXChunk> &chunks, HXXMLElement &parent);
+void addChunks(const QList<HXChunk> &chunks, HXXMLElement &parent, HXXMLReaderContext *context);
 
-HXXMLElement elementXML(const HXTextElement &element) {
+HXXMLElement elementXML(const HXTextElement &element, HXXMLReaderContext *context) {
     HXXMLElement xml(QStringLiteral("element"));
     const HXDefinitionRef definition = element.definition();
     xml.setAttribute(QStringLiteral("kind"), definition ? definition->identifier() : QString());
@@ -26,17 +27,17 @@ HXXMLElement elementXML(const HXTextElement &element) {
         !tag->patternIsSimple(1) && element.tailAtom())
         xml.setAttribute(QStringLiteral("endTag"), element.tailAtom()->stringRepresentation());
     if (const auto &attributes = element.attributes()) {
-        for (const HXXMLElement &attribute : HXStringXML::attributeElements(*attributes))
+        for (const HXXMLElement &attribute : HXStringXML::attributeElements(*attributes, context))
             xml.addChild(attribute);
     }
-    addChunks(element.innerChunks(), xml);
+    addChunks(element.innerChunks(), xml, context);
     return xml;
 }
 
-void addChunks(const QList<HXChunk> &chunks, HXXMLElement &parent) {
+void addChunks(const QList<HXChunk> &chunks, HXXMLElement &parent, HXXMLReaderContext *context) {
     for (const HXChunk &chunk : chunks) {
         if (const auto *element = chunk.as<HXTextElement>()) {
-            parent.addChild(elementXML(*element));
+            parent.addChild(elementXML(*element, context));
         } else if (const auto *escape = chunk.as<HXEscapeAtom>()) {
             HXXMLElement xml(QStringLiteral("escape"));
             xml.addText(escape->string());
@@ -50,9 +51,9 @@ void addChunks(const QList<HXChunk> &chunks, HXXMLElement &parent) {
     }
 }
 
-HXXMLElement paragraphXML(const HXParagraph &paragraph) {
+HXXMLElement paragraphXML(const HXParagraph &paragraph, HXXMLReaderContext *context) {
     HXXMLElement xml(QStringLiteral("p"));
-    addChunks(paragraph.children(), xml);
+    addChunks(paragraph.children(), xml, context);
     QList<HXTextTagRef> prefix = paragraph.groupings();
     if (paragraph.tag())
         prefix.append(paragraph.tag());
@@ -120,9 +121,20 @@ public:
     }
     std::shared_ptr<HXXMLReading>
     readerDidFindChildElement(const QString &name, HXXMLReaderContext *, HXError *error) override;
-    bool readerWillEndElement(HXXMLReaderContext *, HXError *error) override {
+    bool readerWillEndElement(HXXMLReaderContext *context, HXError *error) override {
         if (m_nested)
             return true;
+        if (m_attributes->attributeForKey(kind)->isFile()) {
+            // A file the context can't read is left out.
+            const auto file = context ? context->readFileWrapper(text.trimmed()) : nullptr;
+            if (file && m_attributes->canSetFileWrapper(file, kind))
+                m_attributes->setFileWrapperForKey(file, kind);
+            else if (file || (m_standalone && !context)) {
+                *error = failure(QStringLiteral("Invalid attribute value %1").arg(text));
+                return false;
+            }
+            return true;
+        }
         if (m_standalone && !m_attributes->canSetObject(text, kind)) {
             *error = failure(QStringLiteral("Invalid attribute value %1").arg(text));
             return false;
@@ -435,7 +447,8 @@ private:
 
 } // namespace
 
-QList<HXXMLElement> HXStringXML::attributeElements(const HXAttributeDictionary &attributes) {
+QList<HXXMLElement> HXStringXML::attributeElements(const HXAttributeDictionary &attributes,
+                                                   HXXMLReaderContext *context) {
     QList<HXXMLElement> elements;
     for (const HXTagAttributeRef &attribute : attributes.definition()->attributes()) {
         const QString &identifier = attribute->identifier();
@@ -445,7 +458,13 @@ QList<HXXMLElement> HXStringXML::attributeElements(const HXAttributeDictionary &
             const auto nested = attributes.existingNestedStringForKey(identifier);
             if (!nested)
                 continue;
-            value.addChild(XMLElement(*nested));
+            value.addChild(XMLElement(*nested, context));
+        } else if (attribute->isFile()) {
+            const auto file = attributes.fileWrapperForKey(identifier);
+            const QString handle = file && context ? context->storeFileWrapper(file) : QString();
+            if (handle.isEmpty())
+                continue;
+            value.addText(handle);
         } else {
             const QVariant stored = attributes.objectForKey(identifier);
             if (!stored.isValid())
@@ -478,22 +497,22 @@ HXStringXML::attributesWithPasteboardPropertyList(const QByteArray &data, const 
     return reader.attributes;
 }
 
-HXXMLElement HXStringXML::XMLElement(const HXString &string) {
-    if (const auto context = string.lockingContext().lock()) {
+HXXMLElement HXStringXML::XMLElement(const HXString &string, HXXMLReaderContext *context) {
+    if (const auto lock = string.lockingContext().lock()) {
         HXXMLElement xml(QStringLiteral("string"));
-        context->read([&] { xml = unlockedXMLElement(string); });
+        lock->read([&] { xml = unlockedXMLElement(string, context); });
         return xml;
     }
-    return unlockedXMLElement(string);
+    return unlockedXMLElement(string, context);
 }
 
-HXXMLElement HXStringXML::unlockedXMLElement(const HXString &string) {
+HXXMLElement HXStringXML::unlockedXMLElement(const HXString &string, HXXMLReaderContext *context) {
     HXXMLElement xml(QStringLiteral("string"));
     xml.setAttribute(QStringLiteral("xml:space"), QStringLiteral("preserve"));
     xml.addText(QStringLiteral("\n"));
     const QList<HXParagraphRef> paragraphs = string.paragraphs();
     for (const HXParagraphRef &paragraph : paragraphs) {
-        xml.addChild(paragraphXML(*paragraph));
+        xml.addChild(paragraphXML(*paragraph, context));
         xml.addText(QStringLiteral("\n"));
     }
     if (!paragraphs.isEmpty() && paragraphs.last()->endsInLineFeed()) {
@@ -503,16 +522,18 @@ HXXMLElement HXStringXML::unlockedXMLElement(const HXString &string) {
     return xml;
 }
 
-QByteArray HXStringXML::XMLData(const HXString &string) {
-    return XMLElement(string).xmlDocumentData();
+QByteArray HXStringXML::XMLData(const HXString &string, HXXMLReaderContext *context) {
+    return XMLElement(string, context).xmlDocumentData();
 }
 
 std::shared_ptr<HXMutableString>
 HXStringXML::stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXMarkup> &markup,
-                               HXDefinitionSelector recognizedDefinitions, HXError *error) {
+                               HXDefinitionSelector recognizedDefinitions, HXError *error,
+                               HXXMLReaderContext *context) {
     auto string = HXMutableString::stringWithMarkup(markup, recognizedDefinitions);
     StringReader reader(string, markup, recognizedDefinitions);
-    if (!HXXMLReader::readFromData(data, reader, error))
+    HXXMLReaderContext noFiles;
+    if (!HXXMLReader::readFromData(data, reader, context ? context : &noFiles, error))
         return nullptr;
     return string;
 }

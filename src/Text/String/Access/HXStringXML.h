@@ -9,6 +9,7 @@
 #include <memory>
 
 class HXAttributeDictionary;
+class HXXMLReaderContext;
 class HXMarkup;
 class HXMutableString;
 class HXString;
@@ -27,13 +28,17 @@ public:
         QStringLiteral("com.quaytor.velmora3.attributes");
 
     // Written under the string's read lock, when it has one.
-    static HXXMLElement XMLElement(const HXString &string);
+    // Files of attributes are kept by the context, and written as its handles; without a
+    // context they are left out.
+    static HXXMLElement XMLElement(const HXString &string, HXXMLReaderContext *context = nullptr);
     // A whole document: the declaration and the `string` element.
-    static QByteArray XMLData(const HXString &string);
+    static QByteArray XMLData(const HXString &string, HXXMLReaderContext *context = nullptr);
     // The string of a document, in the markup; nothing and the reader's error when it fails.
+    // Files come from the context; one it can't read is left out.
     static std::shared_ptr<HXMutableString>
     stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXMarkup> &markup,
-                      HXDefinitionSelector recognizedDefinitions, HXError *error);
+                      HXDefinitionSelector recognizedDefinitions, HXError *error,
+                      HXXMLReaderContext *context = nullptr);
 
     // The pasteboard form: the document's data under the string's type; another type is the
     // assertion.
@@ -43,7 +48,8 @@ public:
                                      const std::shared_ptr<HXMarkup> &markup, HXError *error);
 
     // The `attribute` elements of an element's values, in the definition's order.
-    static QList<HXXMLElement> attributeElements(const HXAttributeDictionary &attributes);
+    static QList<HXXMLElement> attributeElements(const HXAttributeDictionary &attributes,
+                                                 HXXMLReaderContext *context = nullptr);
     // The standalone form of an entity's attributes, under an `attributes` root that names the
     // definition; it carries them on the pasteboard.
     static QByteArray attributesPasteboardPropertyList(const HXAttributeDictionary &attributes,
@@ -53,5 +59,5 @@ public:
                                          const std::shared_ptr<HXMarkup> &markup, HXError *error);
 
 private:
-    static HXXMLElement unlockedXMLElement(const HXString &string);
+    static HXXMLElement unlockedXMLElement(const HXString &string, HXXMLReaderContext *context);
 };

@@ -2,6 +2,7 @@
 
 #include "Text/String/Access/HXAtomicString.h"
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXFileWrapper.h"
 #include "Utilities/HXXMLElement.h"
 
 HXAttributeDictionary::HXAttributeDictionary(HXDefinitionRef definition,
@@ -12,6 +13,7 @@ HXAttributeDictionary::HXAttributeDictionary(HXDefinitionRef definition,
 std::shared_ptr<HXAttributeDictionary> HXAttributeDictionary::copy() const {
     auto copy = std::make_shared<HXAttributeDictionary>(m_definition, m_markup);
     copy->m_store = m_store;
+    copy->m_files = m_files;
     for (auto it = m_nestedStrings.cbegin(); it != m_nestedStrings.cend(); ++it) {
         auto nested = HXAtomicString::stringWithMarkup(m_markup, HXNestedStringDefinitionSelector);
         nested->setToString(*it.value());
@@ -80,6 +82,29 @@ void HXAttributeDictionary::setObject(const QVariant &value, const QString &key)
 void HXAttributeDictionary::removeObjectForKey(const QString &key) {
     m_store.remove(key);
     m_nestedStrings.remove(key);
+    m_files.remove(key);
+}
+
+bool HXAttributeDictionary::canSetFileWrapper(const std::shared_ptr<HXFileWrapper> &file,
+                                              const QString &key) const {
+    const HXTagAttributeRef attribute = attributeForKey(key);
+    return file && attribute->isFile() && file->conformsToTypes(attribute->allowedTypes());
+}
+
+void HXAttributeDictionary::setFileWrapperForKey(const std::shared_ptr<HXFileWrapper> &file,
+                                                 const QString &key) {
+    HX_ASSERT(canSetFileWrapper(file, key), u"Invalid object for attribute %@", key);
+    m_files.insert(key, file);
+}
+
+bool HXAttributeDictionary::setFileWrapper(const std::shared_ptr<HXFileWrapper> &file) {
+    for (const HXTagAttributeRef &attribute : m_definition->attributes()) {
+        if (canSetFileWrapper(file, attribute->identifier())) {
+            m_files.insert(attribute->identifier(), file);
+            return true;
+        }
+    }
+    return false;
 }
 
 bool HXAttributeDictionary::setURLString(const QString &urlString) {
@@ -109,6 +134,8 @@ void HXAttributeDictionary::enumerateAttributes(
         const QString &key = attribute->identifier();
         if (const auto nested = m_nestedStrings.value(key))
             block(key, nested->string(), *attribute);
+        else if (const auto file = m_files.value(key))
+            block(key, file->preferredFilename(), *attribute);
         else if (m_store.contains(key))
             block(key, m_store.value(key), *attribute);
     }
@@ -128,10 +155,16 @@ void HXAttributeDictionary::setLockingContext(const std::weak_ptr<HXLockingConte
     }
 }
 
+// Values are equal; two files are equal when their contents are, whatever their names.
 bool HXAttributeDictionary::isEqual(const HXAttributeDictionary &other) const {
     if (!HXDefinitionsEqual(m_definition, other.m_definition) || m_store != other.m_store ||
-        m_nestedStrings.keys() != other.m_nestedStrings.keys())
+        m_nestedStrings.keys() != other.m_nestedStrings.keys() ||
+        m_files.keys() != other.m_files.keys())
         return false;
+    for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
+        if (!it.value()->hasSameContentsAs(*other.m_files.value(it.key())))
+            return false;
+    }
     for (auto it = m_nestedStrings.cbegin(); it != m_nestedStrings.cend(); ++it) {
         if (!it.value()->isEqualToChunkString(*other.m_nestedStrings.value(it.key())))
             return false;

@@ -11,6 +11,7 @@
 #include <memory>
 
 class HXAtomicString;
+class HXFileWrapper;
 class HXMarkup;
 
 // The values that an entity carries beside its text, by attribute identifier: a link's URL and
@@ -45,9 +46,16 @@ public:
     // Store in the first attribute of the definition that takes the kind; false if none does.
     bool setURLString(const QString &urlString);
     bool setString(const QString &string);
-    qsizetype count() const { return m_store.size() + m_nestedStrings.size(); }
-    // In the definition's order: identifier, value (a nested string as its characters),
-    // attribute.
+    // A file goes to the first file attribute whose types it has.
+    bool setFileWrapper(const std::shared_ptr<HXFileWrapper> &file);
+    bool canSetFileWrapper(const std::shared_ptr<HXFileWrapper> &file, const QString &key) const;
+    void setFileWrapperForKey(const std::shared_ptr<HXFileWrapper> &file, const QString &key);
+    std::shared_ptr<HXFileWrapper> fileWrapperForKey(const QString &key) const {
+        return m_files.value(key);
+    }
+    qsizetype count() const { return m_store.size() + m_nestedStrings.size() + m_files.size(); }
+    // In the definition's order: identifier, value (a nested string as its characters, a file as
+    // its name), attribute.
     void enumerateAttributes(const std::function<void(const QString &, const QVariant &,
                                                       const HXTagAttribute &)> &block) const;
 
@@ -60,6 +68,7 @@ private:
     std::shared_ptr<HXMarkup> m_markup;
     QVariantMap m_store;
     QMap<QString, std::shared_ptr<HXAtomicString>> m_nestedStrings;
+    QMap<QString, std::shared_ptr<HXFileWrapper>> m_files;
     std::weak_ptr<HXLockingContext> m_lockingContext;
 };
 

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "Utilities/HXError.h"
+
+#include <QByteArray>
+#include <QMap>
+#include <QString>
+
+#include <memory>
+
+// A file or a folder of files held in memory: an image in a sheet, a package being written. A
+// regular file has its contents; a directory its children by name. Written to disk atomically:
+// a file through a save file, a folder beside its place and then renamed into it. Immutable once
+// made, and so shared freely; any thread.
+class HXFileWrapper {
+public:
+    static std::shared_ptr<HXFileWrapper> regularFileWithContents(const QByteArray &contents,
+                                                                  const QString &preferredFilename);
+    static std::shared_ptr<HXFileWrapper>
+    directoryWithFileWrappers(const QMap<QString, std::shared_ptr<HXFileWrapper>> &children,
+                              const QString &preferredFilename = QString());
+    // Reads a file or a folder; nothing and an error naming the path when it can't.
+    static std::shared_ptr<HXFileWrapper> fileWrapperWithPath(const QString &path, HXError *error);
+
+    bool isRegularFile() const { return !m_isDirectory; }
+    bool isDirectory() const { return m_isDirectory; }
+    const QString &preferredFilename() const { return m_preferredFilename; }
+    const QByteArray &regularFileContents() const { return m_contents; }
+    const QMap<QString, std::shared_ptr<HXFileWrapper>> &fileWrappers() const { return m_children; }
+    // The MIME type of a regular file, by its name and contents.
+    QString mimeType() const;
+    // Whether the file is of one of the types; "image/*" takes any image.
+    bool conformsToTypes(const QStringList &types) const;
+    // Same kind, same contents, same children by name; names of the wrappers themselves aside.
+    bool hasSameContentsAs(const HXFileWrapper &other) const;
+
+    bool writeToPath(const QString &path, HXError *error) const;
+
+    HXFileWrapper() = default;
+
+private:
+    bool writeTreeToPath(const QString &path, HXError *error) const;
+
+    bool m_isDirectory = false;
+    QString m_preferredFilename;
+    QByteArray m_contents;
+    QMap<QString, std::shared_ptr<HXFileWrapper>> m_children;
+};
+
+using HXFileWrapperRef = std::shared_ptr<HXFileWrapper>;
