@@ -211,11 +211,12 @@ void tst_HXStringXML::attributesAndNestedStrings() {
 }
 
 void tst_HXStringXML::filesGoThroughTheContext() {
-    auto image = HXTextElement::elementWithTag(HXTextTestSupport::tag("image"), markup());
+    auto image = HXTextElement::elementWithFile(
+        HXFileWrapper::regularFileWithContents(pngBytes, u"harbour.png"_s),
+        HXTextTestSupport::tag("image"), markup());
+    QVERIFY(image->attributes()->fileWrapperForKey(u"image"_s));
     QVERIFY(!image->attributes()->setFileWrapper(
         HXFileWrapper::regularFileWithContents("plain words", u"notes.txt"_s)));
-    QVERIFY(image->attributes()->setFileWrapper(
-        HXFileWrapper::regularFileWithContents(pngBytes, u"harbour.png"_s)));
     // The same bytes under another name are the same image.
     auto other = HXTextElement::elementWithTag(HXTextTestSupport::tag("image"), markup());
     other->attributes()->setFileWrapper(
@@ -264,6 +265,8 @@ void tst_HXStringXML::damagedDocumentsFail() {
     }
     HXError error;
     QVERIFY(!read(document("<p>\xff\xfe</p><p><element></element></p>"), &error));
+    QVERIFY(!read(document(R"(<p><element kind="strong" startTag="**">a</p></element>)"), &error));
+    QVERIFY(error.localizedFailureReason().contains(u"line 2"_s));
 }
 
 HX_TEST_MAIN(tst_HXStringXML)

@@ -61,6 +61,18 @@ HXTextElement::elementWithAttributes(const QVariantMap &attributes, const HXText
 }
 
 std::shared_ptr<HXTextElement>
+HXTextElement::elementWithFile(const std::shared_ptr<HXFileWrapper> &file, const HXTextTagRef &tag,
+                               const std::shared_ptr<HXMarkup> &markup) {
+    const quint64 scope = tag->definition()->scope();
+    HX_ASSERT(scope == HXAttributedTextScope || scope == HXObjectScope,
+              u"Only attributed text or object scope allowed!");
+    auto element = elementWithTag(tag, markup);
+    if (element->m_attributes)
+        element->m_attributes->setFileWrapper(file);
+    return element;
+}
+
+std::shared_ptr<HXTextElement>
 HXTextElement::elementWithURLString(const QString &urlString, const QString &title,
                                     const HXTextTagRef &tag,
                                     const std::shared_ptr<HXMarkup> &markup) {

@@ -6,6 +6,8 @@
 
 #include <QVariantMap>
 
+class HXFileWrapper;
+
 // An inline run of text between a start and an end tag: `**strong**`, a link, an image. Its
 // chunks are the start tag's atom, the inner chunks and, once closed, the end tag's atom; an
 // element without its end tag runs to the end of its paragraph's text. An entity (a closed link
@@ -32,6 +34,11 @@ public:
     static std::shared_ptr<HXTextElement>
     elementWithAttributes(const QVariantMap &attributes, const HXTextTagRef &tag,
                           const std::shared_ptr<HXMarkup> &markup);
+    // A closed entity of the attributed text or object scope holding the file in its first
+    // attribute that takes it.
+    static std::shared_ptr<HXTextElement>
+    elementWithFile(const std::shared_ptr<HXFileWrapper> &file, const HXTextTagRef &tag,
+                    const std::shared_ptr<HXMarkup> &markup);
     // A closed entity of the attributed text scope whose URL attribute and text are given.
     static std::shared_ptr<HXTextElement>
     elementWithURLString(const QString &urlString, const QString &title, const HXTextTagRef &tag,
