@@ -259,10 +259,6 @@ QString HXTextNode::stringByRemovingObjects() const {
 
 // --- Comparing and checking -----------------------------------------------------------------
 
-bool HXTextNode::isEqualToChunkString(const HXChunkString &other) const {
-    return HXChunkString::isEqualToChunkString(other);
-}
-
 void HXTextNode::checkInvariants(bool deep) const {
     checkMapInvariants(deep);
 }

@@ -73,7 +73,6 @@ public:
     virtual QString stringByRemovingObjectsAndTags() const = 0;
     virtual bool isCountable() const = 0;
 
-    bool isEqualToChunkString(const HXChunkString &other) const override;
     bool isOfClassOf(const HXChunkString &other) const override;
     void checkInvariants(bool deep = true) const override;
 
