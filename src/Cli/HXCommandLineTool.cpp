@@ -1,12 +1,17 @@
 #include "Cli/HXCommandLineTool.h"
 
 #include "Text/Markup/HXMarkup.h"
-#include "Text/String/Access/HXMutableString.h"
+#include "Text/String/Access/HXAtomicString.h"
 #include "Text/String/Access/HXStringXML.h"
+#include "Utilities/HXLineEnds.h"
 #include "Utilities/HXPropertyList.h"
+#include "Utilities/HXUndoManager.h"
 #include "Utilities/HXVersion.h"
 
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QRegularExpression>
 
 #include <cstdio>
 
@@ -59,24 +64,121 @@ QString inputName(const QString &path) {
     return path.isEmpty() || path == u"-" ? QStringLiteral("standard input") : path;
 }
 
-// velmora-cli string parse|text --markup M [--definitions N] [FILE]
+QString readerFailure(const HXError &error) {
+    return error.localizedFailureReason().isEmpty() ? error.localizedDescription()
+                                                    : error.localizedFailureReason();
+}
+
+// The line of an edit script as a step, or a problem in `failure`.
+struct EditStep {
+    enum Kind { Replace, Undo, Redo, Break } kind = Replace;
+    HXRange range;
+    QString text;
+};
+
+bool parseEditStep(const QString &line, EditStep *step, QString *failure) {
+    const QString trimmed = line.trimmed();
+    if (trimmed == u"undo" || trimmed == u"redo" || trimmed == u"break") {
+        step->kind = trimmed == u"undo"   ? EditStep::Undo
+                     : trimmed == u"redo" ? EditStep::Redo
+                                          : EditStep::Break;
+        return true;
+    }
+    static const QRegularExpression replace(
+        QStringLiteral("^replace[ \\t]+(\\d+)[ \\t]+(\\d+)[ \\t]+(\".*\")$"));
+    const QRegularExpressionMatch match = replace.match(trimmed);
+    if (!match.hasMatch()) {
+        *failure = QStringLiteral("expected 'replace LOCATION LENGTH TEXT', 'undo', 'redo' or "
+                                  "'break', got '%1'")
+                       .arg(trimmed);
+        return false;
+    }
+    bool locationOk = false, lengthOk = false;
+    step->range = HXRange{match.captured(1).toULongLong(&locationOk),
+                          match.captured(2).toULongLong(&lengthOk)};
+    if (!locationOk || !lengthOk) {
+        *failure = QStringLiteral("location or length too large");
+        return false;
+    }
+    // A JSON string literal: read as the one element of an array.
+    QJsonParseError error;
+    const QJsonDocument document =
+        QJsonDocument::fromJson("[" + match.captured(3).toUtf8() + "]", &error);
+    if (error.error != QJsonParseError::NoError || document.array().size() != 1 ||
+        !document.array().first().isString()) {
+        *failure = QStringLiteral("TEXT is no JSON string literal: %1").arg(match.captured(3));
+        return false;
+    }
+    step->text = HXStringByNormalizingLineEnds(document.array().first().toString());
+    return true;
+}
+
+// Runs an edit script against the string; false with the line's problem in `failure`.
+bool runEditScript(const QString &scriptPath, const QByteArray &script, HXAtomicString &string,
+                   HXUndoManager &undo, QString *failure) {
+    const QStringList lines = HXStringByNormalizingLineEnds(QString::fromUtf8(script)).split(u'\n');
+    for (qsizetype number = 0; number < lines.size(); ++number) {
+        const QString &line = lines.at(number);
+        if (line.trimmed().isEmpty() || line.trimmed().startsWith(u'#'))
+            continue;
+        auto fail = [&](const QString &problem) {
+            *failure = QStringLiteral("%1:%2: %3").arg(scriptPath).arg(number + 1).arg(problem);
+            return false;
+        };
+        EditStep step;
+        QString problem;
+        if (!parseEditStep(line, &step, &problem))
+            return fail(problem);
+        switch (step.kind) {
+        case EditStep::Undo:
+            if (!undo.canUndo())
+                return fail(QStringLiteral("nothing to undo"));
+            undo.undo();
+            break;
+        case EditStep::Redo:
+            if (!undo.canRedo())
+                return fail(QStringLiteral("nothing to redo"));
+            undo.redo();
+            break;
+        case EditStep::Break:
+            string.breakUndoCoalescing();
+            break;
+        case EditStep::Replace: {
+            const quint64 length = string.length();
+            if (step.range.location > length || step.range.length > length - step.range.location)
+                return fail(QStringLiteral("range {%1, %2} out of bounds of text of length %3")
+                                .arg(step.range.location)
+                                .arg(step.range.length)
+                                .arg(length));
+            string.replaceCharactersInRange(step.range, HXChunk(step.text));
+            break;
+        }
+        }
+    }
+    return true;
+}
+
+// velmora-cli string parse|text|edit --markup M [--definitions N] [--script SCRIPT] [FILE]
 int stringCommand(const QStringList &arguments) {
-    if (arguments.isEmpty() || (arguments.first() != u"parse" && arguments.first() != u"text"))
+    const QString verb = arguments.value(0);
+    if (verb != u"parse" && verb != u"text" && verb != u"edit")
         return HXCommandLineTool::fail(
-            QStringLiteral("string: expected 'parse' or 'text', see velmora-cli --help"));
-    const bool parse = arguments.first() == u"parse";
-    QString markupName, path;
+            QStringLiteral("string: expected 'parse', 'text' or 'edit', see velmora-cli --help"));
+    QString markupName, path, scriptPath;
     HXDefinitionSelector definitions = HXDefaultDefinitionSelector;
     for (qsizetype i = 1; i < arguments.size(); ++i) {
         const QString &argument = arguments.at(i);
-        if (argument == u"--markup" && i + 1 < arguments.size()) {
+        const bool hasValue = i + 1 < arguments.size();
+        if (argument == u"--markup" && hasValue) {
             markupName = arguments.at(++i);
-        } else if (parse && argument == u"--definitions" && i + 1 < arguments.size()) {
+        } else if (verb != u"text" && argument == u"--definitions" && hasValue) {
             bool ok = false;
             definitions = arguments.at(++i).toLongLong(&ok, 0);
             if (!ok)
                 return HXCommandLineTool::fail(
                     QStringLiteral("string: '%1' is no definition selector").arg(arguments.at(i)));
+        } else if (verb == u"edit" && argument == u"--script" && hasValue) {
+            scriptPath = arguments.at(++i);
         } else if (path.isNull() && (!argument.startsWith(u'-') || argument == u"-")) {
             path = argument;
         } else {
@@ -86,27 +188,41 @@ int stringCommand(const QStringList &arguments) {
     }
     if (markupName.isEmpty())
         return HXCommandLineTool::fail(QStringLiteral("string: --markup is required"));
+    if (verb == u"edit" && scriptPath.isEmpty())
+        return HXCommandLineTool::fail(QStringLiteral("string: --script is required"));
     QString failure;
     const auto markup = markupNamed(markupName, &failure);
     if (!markup)
         return HXCommandLineTool::fail(failure);
+    QByteArray script;
+    if (verb == u"edit" && !HXCommandLineTool::readInput(scriptPath, &script, &failure))
+        return HXCommandLineTool::fail(failure);
     QByteArray bytes;
     if (!HXCommandLineTool::readInput(path, &bytes, &failure))
         return HXCommandLineTool::fail(failure);
-    if (parse) {
-        const auto string =
-            HXString::stringWithString(QString::fromUtf8(bytes), markup, definitions);
+
+    if (verb == u"text") {
+        HXError error;
+        const auto string = HXStringXML::stringWithXMLData(bytes, markup, definitions, &error);
+        if (!string)
+            return HXCommandLineTool::fail(
+                QStringLiteral("%1: %2").arg(inputName(path), readerFailure(error)));
+        HXCommandLineTool::writeOutput(string->string().toUtf8());
+        return 0;
+    }
+    const QString text = HXStringByNormalizingLineEnds(QString::fromUtf8(bytes));
+    if (verb == u"parse") {
+        const auto string = HXString::stringWithString(text, markup, definitions);
         HXCommandLineTool::writeOutput(HXStringXML::XMLData(*string));
         return 0;
     }
-    HXError error;
-    const auto string = HXStringXML::stringWithXMLData(bytes, markup, definitions, &error);
-    if (!string)
-        return HXCommandLineTool::fail(
-            QStringLiteral("%1: %2").arg(inputName(path), error.localizedFailureReason().isEmpty()
-                                                              ? error.localizedDescription()
-                                                              : error.localizedFailureReason()));
-    HXCommandLineTool::writeOutput(string->string().toUtf8());
+    const auto string = HXAtomicString::stringWithMarkup(markup, definitions);
+    string->setString(text);
+    const auto undo = std::make_shared<HXUndoManager>();
+    string->setUndoManager(undo);
+    if (!runEditScript(scriptPath, script, *string, *undo, &failure))
+        return HXCommandLineTool::failLine(failure);
+    HXCommandLineTool::writeOutput(HXStringXML::XMLData(*string));
     return 0;
 }
 
@@ -132,10 +248,13 @@ HXCommandLineTool::HXCommandLineTool() {
     m_commands.append(
         {QStringLiteral("string"),
          QStringLiteral("string parse --markup M [--definitions N] [FILE]\n"
-                        "  string text --markup M [FILE]"),
+                        "  string text --markup M [FILE]\n"
+                        "  string edit --markup M [--definitions N] --script SCRIPT [FILE]"),
          QStringLiteral("Parses UTF-8 text under markup M (a built-in identifier such as "
                         "markdownqr, or a markup.xml) and writes the string as XML; 'text' reads "
-                        "such XML and writes its characters. N is the definition selector "
+                        "such XML and writes its characters; 'edit' runs the lines of SCRIPT "
+                        "(replace LOCATION LENGTH \"JSON text\", undo, redo, break) against the "
+                        "parsed text and writes the result as XML. N is the definition selector "
                         "(default 63)."),
          stringCommand});
     m_commands.append({QStringLiteral("markup"), QStringLiteral("markup show M"),
@@ -178,9 +297,13 @@ void HXCommandLineTool::writeOutput(const QByteArray &bytes) {
 }
 
 int HXCommandLineTool::fail(const QString &message) {
+    return failLine(QStringLiteral("velmora-cli: ") + message);
+}
+
+int HXCommandLineTool::failLine(const QString &message) {
     QString line = message;
     line.replace(u'\n', u' ');
-    const QByteArray bytes = "velmora-cli: " + line.toUtf8() + '\n';
+    const QByteArray bytes = line.toUtf8() + '\n';
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stderr);
     std::fflush(stderr);
     return 1;

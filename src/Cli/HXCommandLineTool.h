@@ -27,6 +27,8 @@ public:
     static void writeOutput(const QByteArray &bytes);
     // Writes "velmora-cli: <message>" as one line on standard error and returns 1.
     static int fail(const QString &message);
+    // Writes the message as it stands as one line on standard error and returns 1.
+    static int failLine(const QString &message);
     // Reads a whole file, or standard input for "-" or an empty path.
     static bool readInput(const QString &path, QByteArray *bytes, QString *failure);
 

@@ -15,12 +15,13 @@
 //
 //   already in | synchronizedRead    | synchronizedWrite
 //   nothing    | waits, then runs    | waits for sole access, then runs
-//   read       | runs at once        | runs at once, then raises the assertion
-//              |                     | "Recursive call to write operation within a read operation"
+//   read       | runs at once        | raises the assertion "Recursive call to write operation
+//              |                     | within a read operation" and does not run
 //   write      | runs at once        | runs at once
 //
-// A write inside a read is a fault of the caller: the block still runs so that its change is not
-// lost, and the assertion tells the caller afterwards. Any thread; owned by what it guards.
+// A write inside a read is a fault of the caller. It is refused before the block can change
+// anything, since readers around it rely on what they read staying as it is. Any thread; owned
+// by what it guards.
 class HXReadWriteLock {
 public:
     HXReadWriteLock();
@@ -47,7 +48,7 @@ public:
         case Mode::Write:
             return block();
         case Mode::Read:
-            return writeWithinRead(std::forward<F>(block));
+            raiseWriteWithinRead();
         case Mode::None:
             break;
         }
@@ -82,19 +83,6 @@ private:
             };
             mode == Mode::Read ? m_queue->sync(run) : m_queue->syncBarrier(run);
             return Result(std::move(*result));
-        }
-    }
-
-    template<typename F>
-    decltype(auto) writeWithinRead(F &&block) {
-        using Result = decltype(block());
-        if constexpr (std::is_void_v<Result>) {
-            block();
-            raiseWriteWithinRead();
-        } else {
-            Result result = block();
-            raiseWriteWithinRead();
-            return result;
         }
     }
 

@@ -57,6 +57,11 @@ void HXUndoManager::endUndoGrouping() {
 }
 
 void HXUndoManager::runGroup(Group group, bool undoing) {
+    // Undo and redo collect their opposite actions in a group of their own: what coalesces with
+    // the last change must not coalesce across them, even when they change nothing.
+    const auto observers = m_groupObservers;
+    for (const auto &[owner, function] : observers)
+        function();
     Group opposite;
     opposite.name = group.name;
     m_collecting = &opposite;

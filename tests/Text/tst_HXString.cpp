@@ -67,6 +67,7 @@ private Q_SLOTS:
     void randomEditsKeepTextAndStructure();
     void mergingAndSplitting();
     void forbiddenCharactersStayOut();
+    void pastedTextTakesTheTargetsDefinitions();
     void immutableStrings();
     void paragraphWalks();
     void numbering();
@@ -74,6 +75,7 @@ private Q_SLOTS:
     void markupChanges();
     void lockedStringUnderThreads();
     void lockReentrancyAndSharing();
+    void queriesReadOneState();
 };
 
 void tst_HXString::randomEditsKeepTextAndStructure() {
@@ -180,6 +182,25 @@ void tst_HXString::forbiddenCharactersStayOut() {
                                      nullptr, &replacement);
     QCOMPARE(string->string(), u"abc"_s);
     QCOMPARE(replacement, (HXRange{0, 3}));
+    // Line ends of other systems come in as line feeds: no paragraph ends in a carriage return.
+    string->setString(u"one\r\ntwo\rthree\r"_s);
+    QCOMPARE(string->string(), u"one\ntwo\nthree\n"_s);
+    QCOMPARE(string->paragraphs().size(), 3);
+}
+
+void tst_HXString::pastedTextTakesTheTargetsDefinitions() {
+    // A footnote's text recognizes no line-level tags; pasted headings and lists become text.
+    auto note = HXMutableString::stringWithMarkup(markup(), HXNestedStringDefinitionSelector);
+    note->setString(u"note "_s);
+    const auto source = HXString::stringWithString(u"# Head\n- *item*\n"_s, markup());
+    note->replaceCharactersInRange(HXRange{5, 0}, HXChunk(source));
+    QCOMPARE(note->string(), u"note # Head\n- *item*\n"_s);
+    for (const HXParagraphRef &paragraph : note->paragraphs()) {
+        QVERIFY(!paragraph->tag() && paragraph->groupings().isEmpty());
+        QCOMPARE(paragraph->recognizedDefinitions(), HXNestedStringDefinitionSelector);
+    }
+    QVERIFY(note->isEqualToChunkString(
+        *HXString::stringWithString(note->string(), markup(), HXNestedStringDefinitionSelector)));
 }
 
 void tst_HXString::immutableStrings() {
@@ -441,12 +462,13 @@ void tst_HXString::lockedStringUnderThreads() {
 void tst_HXString::lockReentrancyAndSharing() {
     auto string = HXAtomicString::stringWithMarkup(markup());
     string->setString(u"one\ntwo"_s);
-    // A write inside a write runs at once; inside a read it is the assertion, after running.
+    // A write inside a write runs at once; inside a read it is refused before it changes
+    // anything.
     string->write([&] { string->appendString(u"!"_s); });
     QCOMPARE(string->string(), u"one\ntwo!"_s);
     QCOMPARE(assertionText([&] { string->read([&] { string->appendString(u"?"_s); }); }),
              u"Recursive call to write operation within a read operation"_s);
-    QCOMPARE(string->string(), u"one\ntwo!?"_s);
+    QCOMPARE(string->string(), u"one\ntwo!"_s);
 
     // A string whose locking context is another takes that one's lock, and so do its nodes.
     auto nested = HXMutableString::stringWithMarkup(markup());
@@ -461,6 +483,41 @@ void tst_HXString::lockReentrancyAndSharing() {
             !std::weak_ptr<HXLockingContext>(string).owner_before(paragraph->lockingContext()));
     });
     QCOMPARE(mode, HXReadWriteLock::Mode::Read);
+}
+
+void tst_HXString::queriesReadOneState() {
+    // Whole-text queries and whole-text edits must each see one state of a string that another
+    // thread keeps growing and shrinking.
+    auto string = HXAtomicString::stringWithMarkup(markup());
+    const QString longText = u"intro\n\n# Head\nsome *text* here\n## Next\n"_s.repeated(20);
+    std::atomic<bool> done = false;
+    std::atomic<int> faults = 0, rounds = 0;
+    auto guarded = [&](auto &&block) {
+        try {
+            block();
+        } catch (const HXAssertionFailure &) {
+            ++faults;
+        }
+    };
+    std::thread writer([&] {
+        for (int i = 0; !done; ++i)
+            guarded([&] { string->setString(i % 2 ? longText : u"x"_s); });
+    });
+    std::thread reader([&] {
+        while (!done) {
+            guarded([&] { string->highestHeadingLevel(); });
+            guarded([&] { string->rangeOfFirstParagraphMatchingMask(1, false); });
+            guarded([&] { string->containsFileWrapper(); });
+            guarded([&] { string->appendString(u"!"_s); });
+            ++rounds;
+        }
+    });
+    while (rounds < 4000)
+        std::this_thread::yield();
+    done = true;
+    writer.join();
+    reader.join();
+    QCOMPARE(faults.load(), 0);
 }
 
 HX_TEST_MAIN(tst_HXString)

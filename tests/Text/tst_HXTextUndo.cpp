@@ -4,6 +4,7 @@
 #include "HXTestSupport.h"
 #include "HXTextTestSupport.h"
 #include "Text/String/Access/HXMutableString.h"
+#include "Text/String/Access/HXStringXML.h"
 #include "Utilities/HXUndoManager.h"
 
 #include <QRandomGenerator>
@@ -39,7 +40,8 @@ private Q_SLOTS:
     void backwardDeletionShortensTheStep();
     void structureComesBack();
     void markupChangeClearsHistory();
-    void randomEditsUndoneAndRedone();
+    void selectionReplacedFromBeforeTheStep();
+    void randomEditsAgainstTextOracle();
     void attributeChanges();
 };
 
@@ -98,6 +100,18 @@ void tst_HXTextUndo::backwardDeletionShortensTheStep() {
     QVERIFY(!editor.undo->canUndo());
 }
 
+void tst_HXTextUndo::selectionReplacedFromBeforeTheStep() {
+    Editor editor(u"hello world"_s);
+    editor.type(5, u"xy"_s);
+    editor.string->replaceCharactersInRange(HXRange{3, 4}, HXChunk(u"ABCD"_s));
+    QCOMPARE(editor.string->string(), u"helABCD world"_s);
+    editor.undo->undo();
+    QCOMPARE(editor.string->string(), u"helloxy world"_s);
+    editor.undo->undo();
+    QCOMPARE(editor.string->string(), u"hello world"_s);
+    QVERIFY(!editor.undo->canUndo());
+}
+
 void tst_HXTextUndo::structureComesBack() {
     Editor editor(u"# Title\nsome **bold** text\nnext"_s);
     const QString before = editor.string->string();
@@ -119,33 +133,81 @@ void tst_HXTextUndo::markupChangeClearsHistory() {
     QVERIFY(!editor.undo->canUndo());
 }
 
-void tst_HXTextUndo::randomEditsUndoneAndRedone() {
-    static const QStringList alphabet{u"a"_s, u"*"_s, u" "_s, u"\n"_s, u"#"_s, u"_"_s, u"b"_s};
+// Random edits, undos and redos against a plain text oracle: every undo lands on a text that
+// stood before, every redo on the one the undo left, and all undone is the first text again.
+void tst_HXTextUndo::randomEditsAgainstTextOracle() {
+    static const QStringList alphabet{u"a"_s, u"b"_s, u" "_s, u"*"_s,  u"\n"_s,
+                                      u"#"_s, u"_"_s, u"`"_s, u"- "_s, u"ab\ncd"_s};
+    const int steps = qEnvironmentVariableIntValue("VELMORA_STRESS") ? 20000 : 1500;
     QRandomGenerator random(17);
-    Editor editor(u"# Start\nfirst *line*\n\n- item"_s);
-    const auto first = editor.string->copy();
-    for (int step = 0; step < 300; ++step) {
+    Editor editor(u"# Start\nfirst *line* `code`\n\n- item"_s);
+    QStringList history{editor.string->string()}; // the texts undo may come back to
+    qsizetype at = 0;
+    QList<qsizetype> redoTargets;
+    quint64 caret = 0;
+    auto verifyTree = [&] {
+        editor.string->checkInvariants();
+        const auto read = HXStringXML::stringWithXMLData(HXStringXML::XMLData(*editor.string),
+                                                         HXTextTestSupport::markup(), 63, nullptr);
+        QVERIFY(read && read->isEqualToChunkString(*editor.string));
+    };
+    for (int step = 0; step < steps; ++step) {
         const quint64 total = editor.string->length();
-        const quint64 location = random.bounded(quint64(total + 1));
-        const quint64 length =
-            random.bounded(3) ? 0 : std::min<quint64>(random.bounded(4), total - location);
-        QString text;
-        for (int i = int(random.bounded(3)); i > 0; --i)
-            text += alphabet.at(qsizetype(random.bounded(quint32(alphabet.size()))));
-        editor.string->replaceCharactersInRange(HXRange{location, length}, HXChunk(text));
-        if (random.bounded(10) == 0)
+        const quint32 action = random.bounded(20);
+        if (action < 2 && editor.undo->canUndo()) {
+            editor.undo->undo();
+            const QString text = editor.string->string();
+            qsizetype landed = at - 1;
+            while (landed >= 0 && history.at(landed) != text)
+                --landed;
+            QVERIFY2(landed >= 0, qPrintable(u"undo invented "_s + text));
+            redoTargets.append(at);
+            at = landed;
+        } else if (action < 3 && editor.undo->canRedo()) {
+            QVERIFY(!redoTargets.isEmpty());
+            editor.undo->redo();
+            at = redoTargets.takeLast();
+            QCOMPARE(editor.string->string(), history.at(at));
+        } else if (action < 4) {
             editor.string->breakUndoCoalescing();
+        } else {
+            // Typing and backspacing at one place, or any selection replaced anywhere.
+            quint64 location, length = 0;
+            if (action < 12 && caret <= total) {
+                location = caret;
+                if (action < 8 && caret > 0) {
+                    location = caret - 1;
+                    length = 1;
+                }
+            } else {
+                location = random.bounded(quint64(total + 1));
+                length = random.bounded(quint64(total - location + 1));
+                if (random.bounded(2))
+                    length = std::min<quint64>(length, 3);
+            }
+            const QString text =
+                length && action < 8
+                    ? QString()
+                    : alphabet.at(qsizetype(random.bounded(quint32(alphabet.size()))));
+            editor.string->replaceCharactersInRange(HXRange{location, length}, HXChunk(text));
+            caret = location + quint64(text.size());
+            QString expected = history.at(at);
+            expected.replace(qsizetype(location), qsizetype(length), text);
+            QCOMPARE(editor.string->string(), expected);
+            history.resize(at + 1);
+            history.append(expected);
+            ++at;
+            redoTargets.clear();
+        }
+        if (!editor.undo->canUndo())
+            QCOMPARE(editor.string->string(), history.first());
+        if (step % 50 == 0)
+            verifyTree();
     }
-    const auto last = editor.string->copy();
     while (editor.undo->canUndo())
         editor.undo->undo();
-    QCOMPARE(editor.string->string(), first->string());
-    QVERIFY(editor.string->isEqualToChunkString(*first));
-    while (editor.undo->canRedo())
-        editor.undo->redo();
-    QCOMPARE(editor.string->string(), last->string());
-    QVERIFY(editor.string->isEqualToChunkString(*last));
-    editor.string->checkInvariants();
+    QCOMPARE(editor.string->string(), history.first());
+    verifyTree();
 }
 
 void tst_HXTextUndo::attributeChanges() {

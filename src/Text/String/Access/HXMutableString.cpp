@@ -4,6 +4,7 @@
 #include "Text/String/Undo/HXAttributeUndoOperation.h"
 #include "Text/String/Undo/HXTextUndoOperation.h"
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXLineEnds.h"
 #include "Utilities/HXUndoManager.h"
 #include "Utilities/HXXMLElement.h"
 
@@ -73,12 +74,17 @@ void HXMutableString::replaceCharactersInRange(HXRange range, const HXChunk &str
 
 HXChunk HXMutableString::preparedString(const HXChunk &string) const {
     if (const HXString *text = string.as<HXString>()) {
+        // Pasted paragraphs become paragraphs of this string: its markup and what it recognizes,
+        // parsed anew where either differs.
         auto copy = text->mutableCopy();
         if (copy->markup() != m_markup)
             copy->setMarkup(m_markup);
+        if (copy->recognizedDefinitions() != m_recognizedDefinitions)
+            copy->setRecognizedDefinitions(m_recognizedDefinitions);
         return HXChunk(std::static_pointer_cast<HXString>(copy));
     }
-    return HXChunk(HXXMLStringByRemovingForbiddenCharacters(string.string()));
+    return HXChunk(
+        HXXMLStringByRemovingForbiddenCharacters(HXStringByNormalizingLineEnds(string.string())));
 }
 
 void HXMutableString::replaceLocked(HXRange range, const HXChunk &string, HXRange *editedRange,
@@ -90,6 +96,14 @@ void HXMutableString::replaceLocked(HXRange range, const HXChunk &string, HXRang
     // 3. The new text, in this markup and without characters the file format can't hold. It
     // comes first here so that the merge below knows whether it ends in a line feed.
     const HXChunk prepared = preparedString(string);
+    if (range.length == 0 && prepared.length() == 0) {
+        // Nothing changes: no step for undo, nothing to tell.
+        for (HXRange *output : {editedRange, affectedRange, replacementRange}) {
+            if (output)
+                *output = range;
+        }
+        return;
+    }
     const bool newEndsInLineFeed = endsInLineFeed(prepared);
 
     // 1. The paragraphs touched; a range that takes a paragraph's line feed draws in the next.

@@ -213,18 +213,20 @@ void HXString::enumerateParagraphsInScopes(HXDefinitionSelector scopes, HXRange 
 
 HXRange HXString::rangeOfFirstParagraphMatchingMask(HXDefinitionSelector mask,
                                                     bool anchored) const {
-    HXRange found = HXNotFoundRange();
-    enumerateParagraphsInRange(
-        HXRange{0, length()},
-        [&](const HXParagraphRef &paragraph, quint64 location, quint64 length, bool &stop) {
-            if (tagMatchesScopes(paragraph->tag(), mask)) {
-                found = HXRange{location, length};
-                stop = true;
-            } else if (anchored && length >= 2) {
-                stop = true;
-            }
-        });
-    return found;
+    return reading([&] {
+        HXRange found = HXNotFoundRange();
+        enumerateParagraphsInRange(
+            HXRange{0, HXChunkString::length()},
+            [&](const HXParagraphRef &paragraph, quint64 location, quint64 length, bool &stop) {
+                if (tagMatchesScopes(paragraph->tag(), mask)) {
+                    found = HXRange{location, length};
+                    stop = true;
+                } else if (anchored && length >= 2) {
+                    stop = true;
+                }
+            });
+        return found;
+    });
 }
 
 quint64 HXString::numberForParagraphAtIndex(quint64 index, HXRange *paragraphRange,
@@ -325,19 +327,25 @@ QString HXString::stringWithTitleFromRange(HXRange range, HXRange *titleRange) c
 }
 
 quint64 HXString::highestHeadingLevel() const {
-    quint64 highest = HXNotFound;
-    enumerateParagraphsInScopes(HXSelectorForScope(HXHeadingScope), HXRange{0, length()},
-                                [&](const HXParagraphRef &paragraph, quint64, quint64, bool &) {
-                                    highest = std::min(
-                                        highest, paragraph->tag()->definition()->headingLevel());
-                                });
-    return highest;
+    return reading([&] {
+        quint64 highest = HXNotFound;
+        enumerateParagraphsInScopes(
+            HXSelectorForScope(HXHeadingScope), HXRange{0, HXChunkString::length()},
+            [&](const HXParagraphRef &paragraph, quint64, quint64, bool &) {
+                highest = std::min(highest, paragraph->tag()->definition()->headingLevel());
+            });
+        return highest;
+    });
+}
+
+void HXString::enumerateAllElements(HXDefinitionSelector scopes,
+                                    const HXElementsBlock &block) const {
+    reading([&] { enumerateElementsInRange(HXRange{0, HXChunkString::length()}, scopes, block); });
 }
 
 bool HXString::containsFileWrapper() const {
     bool found = false;
-    enumerateElementsInRange(
-        HXRange{0, length()},
+    enumerateAllElements(
         HXSelectorForScope(HXAttributedTextScope) | HXSelectorForScope(HXObjectScope),
         [&](const HXTextElementRef &element, HXRange, bool &stop) {
             if (!element->attributes())
@@ -430,40 +438,42 @@ void HXString::enumerateElementsInRange(HXRange range, HXDefinitionSelector scop
 void HXString::enumerateVisibleTagsInRange(
     HXRange range,
     const std::function<void(const HXTextTagRef &, quint64, quint64, bool &)> &block) const {
-    enumerateParagraphsInRange(
-        paragraphRangeForRange(range),
-        [&](const HXParagraphRef &paragraph, quint64 location, quint64, bool &stop) {
-            quint64 atomStart = location;
-            for (const HXTextAtomRef &atom :
-                 paragraph->groupTagStrings() + (paragraph->tagString()
-                                                     ? QList<HXTextAtomRef>{paragraph->tagString()}
-                                                     : QList<HXTextAtomRef>{})) {
-                const QString text = atom->string();
-                qsizetype visible = 0;
-                while (visible < text.size() && text.at(visible).isSpace())
-                    ++visible;
-                const quint64 start = atomStart + quint64(visible);
-                const bool inRange =
-                    range.length == 0 ? start == range.location : range.contains(start);
-                if (visible < text.size() && inRange) {
-                    block(atom->tag(), start, quint64(text.size() - visible), stop);
-                    if (stop)
-                        return;
+    reading([&] {
+        enumerateParagraphsInRange(
+            paragraphRangeForRange(range),
+            [&](const HXParagraphRef &paragraph, quint64 location, quint64, bool &stop) {
+                quint64 atomStart = location;
+                for (const HXTextAtomRef &atom :
+                     paragraph->groupTagStrings() +
+                         (paragraph->tagString() ? QList<HXTextAtomRef>{paragraph->tagString()}
+                                                 : QList<HXTextAtomRef>{})) {
+                    const QString text = atom->string();
+                    qsizetype visible = 0;
+                    while (visible < text.size() && text.at(visible).isSpace())
+                        ++visible;
+                    const quint64 start = atomStart + quint64(visible);
+                    const bool inRange =
+                        range.length == 0 ? start == range.location : range.contains(start);
+                    if (visible < text.size() && inRange) {
+                        block(atom->tag(), start, quint64(text.size() - visible), stop);
+                        if (stop)
+                            return;
+                    }
+                    atomStart += quint64(text.size());
                 }
-                atomStart += quint64(text.size());
-            }
-        });
+            });
+    });
 }
 
 HXRange HXString::rangeOfTextElement(const HXTextElement &element) const {
     HXRange found = HXNotFoundRange();
-    enumerateElementsInRange(HXRange{0, length()}, HXSelectorAllScopes,
-                             [&](const HXTextElementRef &candidate, HXRange range, bool &stop) {
-                                 if (candidate.get() == &element) {
-                                     found = range;
-                                     stop = true;
-                                 }
-                             });
+    enumerateAllElements(HXSelectorAllScopes,
+                         [&](const HXTextElementRef &candidate, HXRange range, bool &stop) {
+                             if (candidate.get() == &element) {
+                                 found = range;
+                                 stop = true;
+                             }
+                         });
     return found;
 }
 
@@ -534,14 +544,18 @@ QString HXString::previewStringFromRange(HXRange range, quint64 maximumLength) c
 
 void HXString::copyToString(HXMutableString &target) const {
     const std::shared_ptr<HXString> source = copy();
-    target.replaceCharactersInRange(HXRange{target.length(), 0}, HXChunk(source));
+    target.appendString(HXChunk(source));
 }
 
 void HXString::appendToString(HXMutableString &target, bool insertSeparator) const {
-    const quint64 end = target.length();
-    if (insertSeparator && end > 0 && target.characterAtIndex(end - 1) != QLatin1Char('\n'))
-        target.replaceCharactersInRange(HXRange{end, 0}, QStringLiteral("\n"));
-    copyToString(target);
+    const std::shared_ptr<HXString> source = copy();
+    target.writing([&] {
+        const quint64 end = target.HXChunkString::length();
+        if (insertSeparator && end > 0 &&
+            target.HXChunkString::characterAtIndex(end - 1) != QLatin1Char('\n'))
+            target.replaceCharactersInRange(HXRange{end, 0}, QStringLiteral("\n"));
+        target.appendString(HXChunk(source));
+    });
 }
 
 // --- Editing --------------------------------------------------------------------------------
@@ -558,12 +572,15 @@ void HXString::deleteCharactersInRange(HXRange range) {
     replaceCharactersInRange(range, HXChunk(QString()));
 }
 
-void HXString::appendString(const QString &string) {
-    replaceCharactersInRange(HXRange{length(), 0}, HXChunk(string));
+// Length and edit under one write, so that a change between them can't leave the range stale.
+void HXString::appendString(const HXChunk &string) {
+    writing([&] { replaceCharactersInRange(HXRange{HXChunkString::length(), 0}, string); });
 }
 
 void HXString::setString(const QString &string) {
-    replaceCharactersInRange(HXRange{0, length()}, HXChunk(string));
+    writing([&] {
+        replaceCharactersInRange(HXRange{0, HXChunkString::length()}, HXChunk(string));
+    });
 }
 
 // --- Comparing and checking -----------------------------------------------------------------

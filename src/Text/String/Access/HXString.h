@@ -120,6 +120,8 @@ public:
         HXRange range,
         const std::function<void(const HXTextTagRef &, quint64, quint64, bool &)> &block) const;
     HXRange rangeOfTextElement(const HXTextElement &element) const;
+    // Every element of the text whose scope bit is in the mask, under one read.
+    void enumerateAllElements(HXDefinitionSelector scopes, const HXElementsBlock &block) const;
     HXTextElementRef textElementStartingAtIndex(quint64 index,
                                                 HXRange *effectiveRange = nullptr) const;
     // Splits the range at the given ranges: block(piece, isInOneOfThem, stop).
@@ -144,7 +146,8 @@ public:
     }
     void insertString(const QString &string, quint64 index);
     void deleteCharactersInRange(HXRange range);
-    void appendString(const QString &string);
+    void appendString(const QString &string) { appendString(HXChunk(string)); }
+    void appendString(const HXChunk &string);
     void setString(const QString &string);
 
     bool isEqualToChunkString(const HXChunkString &other) const override;

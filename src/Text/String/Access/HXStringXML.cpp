@@ -6,6 +6,7 @@
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXFileWrapper.h"
+#include "Utilities/HXLineEnds.h"
 #include "Utilities/HXXMLReader.h"
 
 namespace {
@@ -83,6 +84,14 @@ HXError failure(const QString &reason) {
     return HXXMLReader::errorWithFailureReason(reason);
 }
 
+// Text of a paragraph, an element, a tag or an escape: line feeds there are layout, since a
+// paragraph's own line feed is not stored, and carriage returns are line ends of another system.
+QString textWithoutLineEnds(QString text) {
+    text.remove(QLatin1Char('\n'));
+    text.remove(QLatin1Char('\r'));
+    return text;
+}
+
 // Collects the text of an element: an escape, or a tag of a paragraph's prefix.
 class TextCollector : public HXXMLReading {
 public:
@@ -94,7 +103,7 @@ public:
         return true;
     }
     bool readerScannedString(const QString &string, HXError *) override {
-        text += string;
+        text += textWithoutLineEnds(string);
         return true;
     }
 };
@@ -117,6 +126,11 @@ public:
     bool readerWillStartElement(const QString &, const HXXMLAttributes &attributes,
                                 HXError *) override {
         kind = attributes.value(QStringLiteral("identifier"));
+        return true;
+    }
+    // A title may hold line feeds of its own.
+    bool readerScannedString(const QString &string, HXError *) override {
+        text += HXStringByNormalizingLineEnds(string);
         return true;
     }
     std::shared_ptr<HXXMLReading>
@@ -160,8 +174,9 @@ public:
         : m_markup(std::move(markup)) {}
 
     bool readerScannedString(const QString &string, HXError *) override {
-        if (!string.isEmpty())
-            target().appendChunk(HXChunk(string));
+        const QString text = textWithoutLineEnds(string);
+        if (!text.isEmpty())
+            target().appendChunk(HXChunk(text));
         return true;
     }
 

@@ -305,35 +305,55 @@ void HXTextParser::parseGroupings(TagList *groupings, TagRef *tag, QStringList *
 
 namespace {
 
-// Walks the chunks of a node as flattening takes them: entities whole, other elements melted
-// with their atoms, elements of forbidden tags melted to their characters.
+// Walks the chunks of a node as flattening takes them: entities and closed code whole, elements
+// of forbidden tags melted to the texts of their tags around their inner chunks, other elements
+// melted with their atoms. The walk keeps its own stack, so deep trees can't exhaust the
+// thread's.
 template<typename F>
 void walkFlatChunks(const HXChunkString &node, const HXTextParser::TagSet &forbidden, F &&block) {
-    for (const HXChunk &chunk : node.allChunks()) {
-        if (const auto element = chunk.pointerAs<HXTextElement>()) {
-            if (element->isEntity() && element->isIntact() &&
-                !(element->tag() && forbidden.contains(element->tag().get()))) {
-                block(chunk);
-                continue;
-            }
-            if (element->tag() && forbidden.contains(element->tag().get())) {
-                // Forbidden here: its characters, tags included, become text.
-                for (const HXChunk &inner : element->allChunks()) {
-                    if (inner.as<HXTextAtom>())
-                        block(HXChunk(inner.string()));
-                    else if (inner.as<HXTextElement>())
-                        walkFlatChunks(*HXChunk(inner).chunkString(), forbidden, block);
-                    else
-                        block(inner);
-                }
-                continue;
-            }
-            walkFlatChunks(*element, forbidden, block);
-        } else if (const HXChunkString *nested = chunk.chunkString()) {
-            walkFlatChunks(*nested, forbidden, block);
-        } else {
-            block(chunk);
+    struct Frame {
+        QList<HXChunk> chunks;
+        qsizetype next = 0;
+        QString after; // the end tag text of a melted element of a forbidden tag
+    };
+    std::vector<Frame> stack;
+    stack.push_back(Frame{node.allChunks(), 0, QString()});
+    while (!stack.empty()) {
+        if (stack.back().next == stack.back().chunks.size()) {
+            const QString after = std::move(stack.back().after);
+            stack.pop_back();
+            if (!after.isEmpty())
+                block(HXChunk(after));
+            continue;
         }
+        const HXChunk chunk = stack.back().chunks.at(stack.back().next++);
+        const auto *element = chunk.as<HXTextElement>();
+        if (!element) {
+            if (const HXChunkString *nested = chunk.chunkString())
+                stack.push_back(Frame{nested->allChunks(), 0, QString()});
+            else
+                block(chunk);
+            continue;
+        }
+        const bool forbiddenTag = element->tag() && forbidden.contains(element->tag().get());
+        const bool intact = element->isIntact();
+        if (!forbiddenTag && intact &&
+            (element->isEntity() ||
+             (element->isClosed() && element->tag() && element->definition()->noParsingInside()))) {
+            block(chunk);
+            continue;
+        }
+        if (forbiddenTag && intact) {
+            // Not allowed here: its tags come back as their texts, an entity's too.
+            const QString start = element->startTagString();
+            if (!start.isEmpty())
+                block(HXChunk(start));
+            stack.push_back(Frame{
+                element->innerChunks(), 0,
+                element->isClosed() && !element->isObject() ? element->endTagString() : QString()});
+            continue;
+        }
+        stack.push_back(Frame{element->allChunks(), 0, QString()});
     }
 }
 
@@ -352,7 +372,8 @@ void HXTextParser::flattenString(const HXChunkString &node, HXChunkString &flatS
     };
     walkFlatChunks(node, forbiddenTags, [&](const HXChunk &chunk) {
         if (const auto element = chunk.pointerAs<HXTextElement>()) {
-            HX_ASSERT(element->isEntity(), u"Only object-elements and code should be left");
+            HX_ASSERT(element->isEntity() || element->definition()->noParsingInside(),
+                      u"Only object-elements and code should be left");
             if ((definitionOptions & HXSelectorNoMedia) && element->attributes()) {
                 for (const HXTagAttributeRef &attribute : element->definition()->attributes()) {
                     if (attribute->isFile())

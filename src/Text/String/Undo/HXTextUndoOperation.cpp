@@ -26,6 +26,13 @@ bool HXTextUndoOperation::coalesceEditedRange(HXRange editedRange, const HXStrin
                                               HXRange replacementRange) {
     if (editedRange.max() != m_replacementRange.max())
         return false;
+    // Only typing at the end of the step and deletion backward from it join the step. A
+    // selection replaced from before the step starts a new one, whatever its length: its old
+    // text lies outside what this step would put back.
+    const bool typing = editedRange.length == 0;
+    const bool deleting = replacementRange.length == 0;
+    if (!typing && !deleting && editedRange.location < m_replacementRange.location)
+        return false;
     if (replacementRange.length >= editedRange.length) {
         m_replacementRange.length += replacementRange.length - editedRange.length;
         return true;
