@@ -259,6 +259,17 @@ private:
     }
 
     QVariant readValue(QString *failure) {
+        // Arrays and dictionaries recurse: a bound on their nesting bounds the stack.
+        static constexpr int maximumDepth = 512;
+        if (m_depth >= maximumDepth)
+            return fail(failure, HXStringWithFormat(text(u"plistTooDeep"), maximumDepth));
+        ++m_depth;
+        const QVariant value = readNestedValue(failure);
+        --m_depth;
+        return value;
+    }
+
+    QVariant readNestedValue(QString *failure) {
         const QStringView name = m_xml.name();
         if (name == u"dict")
             return readDictionary(failure);
@@ -381,6 +392,7 @@ private:
     }
 
     QXmlStreamReader m_xml;
+    int m_depth = 0;
     bool m_failed = false;
 };
 

@@ -75,6 +75,12 @@ bool HXXMLParse::run(const QByteArray &data, HXError *error) {
 
 void HXXMLParse::startElement(const QXmlStreamReader &xml) {
     const QString name = xml.qualifiedName().toString();
+    if (qsizetype(m_stack.size()) >= HXXMLReader::maximumDepth) {
+        m_failure = HXXMLReader::errorWithFailureReason(
+            HXStringWithFormat(u"line %li: element \"%@\" is nested more than %li levels deep",
+                               xml.lineNumber(), name, HXXMLReader::maximumDepth));
+        return;
+    }
     OpenElement element{name, nullptr, nullptr};
     if (m_stack.empty()) {
         element.item = &m_rootItem;

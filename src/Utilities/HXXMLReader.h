@@ -22,4 +22,8 @@ public:
 
     // An error in HXCocoaErrorDomain, code 0, with the reason as failure reason and description.
     static HXError errorWithFailureReason(const QString &reason);
+
+    // Elements nested deeper than this fail the read. No document of the system comes near it,
+    // and it bounds every walk over what a document builds.
+    static constexpr qsizetype maximumDepth = 1000;
 };

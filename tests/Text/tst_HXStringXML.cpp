@@ -54,7 +54,9 @@ class tst_HXStringXML : public QObject {
 private Q_SLOTS:
     void randomTextsComeBackAsTheyWere();
     void detailsOfTheForm();
-    void elementsOfUnknownKinds();
+    void strictReading_data();
+    void strictReading();
+    void elementsWithoutTags();
     void attributesAndNestedStrings();
     void filesGoThroughTheContext();
     void damagedDocumentsFail();
@@ -123,27 +125,69 @@ void tst_HXStringXML::detailsOfTheForm() {
              u"ab"_s);
 }
 
-void tst_HXStringXML::elementsOfUnknownKinds() {
+void tst_HXStringXML::strictReading_data() {
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QString>("failure");
+    QTest::newRow("unknown kind") << QByteArray(R"(<p><element kind="nothing">x</element></p>)")
+                                  << u"Invalid kind for element: nothing"_s;
+    QTest::newRow("unknown child") << QByteArray("<p><b/></p>") << u"Unexpected element \"b\""_s;
+    QTest::newRow("empty tag") << QByteArray(R"(<p><tags><tag kind="heading1"></tag></tags></p>)")
+                               << u"Empty tag for paragraph!"_s;
+    QTest::newRow("two tags") << QByteArray(R"(<p><tags><tag kind="heading1">#</tag>)"
+                                            R"(<tag kind="heading2">##</tag></tags></p>)")
+                              << u"Two tags defined on paragraph!"_s;
+    QTest::newRow("unknown attribute")
+        << QByteArray(R"(<p><element kind="link"><attribute identifier="nope">u</attribute>)"
+                      R"(t</element></p>)")
+        << u"Exception while parsing xml: \"Invalid identifier \"nope\"!\""_s;
+    QTest::newRow("object with text") << QByteArray(R"(<p><element kind="image">x</element></p>)")
+                                      << u"Element of kind \"image\" is an object and can't hold "
+                                         u"text or elements"_s;
+    QTest::newRow("object with element")
+        << QByteArray(R"(<p><element kind="footnote"><element kind="strong" startTag="**">b)"
+                      R"(</element></element></p>)")
+        << u"Element of kind \"footnote\" is an object and can't hold text or elements"_s;
+    QTest::newRow("object with layout")
+        << QByteArray("<p><element kind=\"image\">\n  </element></p>") << QString();
+    QByteArray deep;
+    for (int i = 0; i < 20000; ++i)
+        deep += R"(<element kind="strong" startTag="**">x)";
+    QTest::newRow("too deep") << "<p>" + deep
+                              << u"line 2: element \"element\" is nested more "
+                                 u"than 1000 levels deep"_s;
+    // Line ends in a paragraph's text are layout, whatever system wrote them.
+    QTest::newRow("line ends") << QByteArray("<p>a\r\nb&#13;c\nd</p>") << QString();
+}
+
+void tst_HXStringXML::strictReading() {
+    QFETCH(QByteArray, body);
+    QFETCH(QString, failure);
     HXError error;
-    QVERIFY(!read(document(R"(<p><element kind="nothing">x</element></p>)"), &error));
-    QCOMPARE(error.localizedFailureReason(), u"Invalid kind for element: nothing"_s);
+    const auto string = read(document(body), &error);
+    QCOMPARE(error.localizedFailureReason(), failure);
+    QCOMPARE(bool(string), failure.isNull());
+    if (string)
+        QVERIFY(!string->string().contains(u'\n') && !string->string().contains(u'\r'));
+}
+
+void tst_HXStringXML::elementsWithoutTags() {
     // Without a tag in the markup, text elements fail and entities load.
+    HXError error;
     const auto plain = HXMarkup::intrinsicMarkups().value(u"markdown"_s);
     QVERIFY(!read(document(R"(<p><element kind="delete" startTag="~~">x</element></p>)"), &error,
                   plain));
     QVERIFY(read(document(R"(<p>a<element kind="footnote"/></p>)"), &error, plain));
-    QVERIFY(!read(document(R"(<p><element kind="link"><attribute identifier="nope">u</attribute>)"
-                           R"(t</element></p>)"),
-                  &error));
-    QVERIFY2(error.localizedFailureReason().startsWith(u"Exception while parsing xml: \""_s),
-             qPrintable(error.localizedFailureReason()));
-    QVERIFY(!read(document("<p><b/></p>"), &error));
-    QVERIFY(!read(document(R"(<p><tags><tag kind="heading1"></tag></tags></p>)"), &error));
-    QCOMPARE(error.localizedFailureReason(), u"Empty tag for paragraph!"_s);
-    QVERIFY(!read(document(R"(<p><tags><tag kind="heading1">#</tag><tag kind="heading2">##)"
-                           R"(</tag></tags></p>)"),
-                  &error));
-    QCOMPARE(error.localizedFailureReason(), u"Two tags defined on paragraph!"_s);
+    // Elements nested as deep as a document may go load, and come out as the parse leaves them.
+    QByteArray deep;
+    for (int i = 0; i < 990; ++i)
+        deep += R"(<element kind="strong" startTag="**">x)";
+    const auto string =
+        read(document("<p>" + deep + QByteArray("</element>").repeated(990) + "</p>"), &error);
+    QVERIFY2(string, qPrintable(error.localizedFailureReason()));
+    const QString text = u"**x"_s.repeated(990) + u"**"_s.repeated(990);
+    QCOMPARE(string->string(), text);
+    QVERIFY(string->isEqualToChunkString(*HXString::stringWithString(text, markup())));
+    string->checkInvariants();
 }
 
 void tst_HXStringXML::attributesAndNestedStrings() {

@@ -228,6 +228,8 @@ void tst_HXPropertyList::malformedXML_data() {
     QTest::newRow("not XML at all") << QByteArray("garbage") << QString();
     QTest::newRow("empty") << QByteArray() << QString();
     QTest::newRow("invalid UTF-8") << head + "<string>\xff\xfe</string></plist>" << QString();
+    QTest::newRow("nested too deeply")
+        << head + QByteArray("<array>").repeated(100000) << QStringLiteral("more than 512 levels");
 }
 
 void tst_HXPropertyList::malformedXML() {

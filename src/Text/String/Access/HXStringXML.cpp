@@ -224,7 +224,20 @@ public:
                 return nullptr; // an element without attributes skips them
             return std::make_shared<AttributeCollector>(element->attributes(), m_markup);
         }
+        if (element->isObject()) {
+            *error = objectContentError();
+            return nullptr;
+        }
         return chunkChild(name, error);
+    }
+    // An object has no inner text; white space between its attributes is layout.
+    bool readerScannedString(const QString &string, HXError *error) override {
+        if (!element->isObject())
+            return ChunkReader::readerScannedString(string, error);
+        if (string.trimmed().isEmpty())
+            return true;
+        *error = objectContentError();
+        return false;
     }
     bool readerDidEndChildElement(const std::shared_ptr<HXXMLReading> &child, HXXMLReaderContext *,
                                   HXError *) override {
@@ -233,6 +246,13 @@ public:
 
 protected:
     HXChunkString &target() override { return *element; }
+
+private:
+    HXError objectContentError() const {
+        return failure(QStringLiteral("Element of kind \"%1\" is an object and can't hold text "
+                                      "or elements")
+                           .arg(element->definition()->identifier()));
+    }
 };
 
 std::shared_ptr<HXXMLReading> ChunkReader::chunkChild(const QString &name, HXError *error) {

@@ -524,32 +524,42 @@ struct StructureToken {
     }
 };
 
-void structureOf(const HXChunkString &node, quint64 offset, quint16 depth,
-                 std::vector<StructureToken> &tokens) {
-    node.enumerateChunksInRange(
-        HXRange{0, node.length()}, 0, [&](const HXChunk &chunk, HXRange range, bool &) {
-            StructureToken token{offset + range.location, range.length, nullptr, depth, 0, 0};
-            const HXStringObject *object = chunk.object();
-            const HXStringObjectKind kind =
-                object ? object->objectKind() : HXStringObjectKind::Other;
-            token.kind = quint8(chunk.isPlain() ? 0 : 1 + int(kind));
-            if (const auto *element = chunk.as<HXTextElement>()) {
-                token.tag = element->tag().get();
-                token.flags = quint8((element->isClosed() ? 1 : 0) | (element->isEntity() ? 2 : 0));
-            } else if (const auto *atom = chunk.as<HXTextAtom>()) {
-                token.tag = atom->tag().get();
-                token.flags = quint8(atom->part());
-            }
-            tokens.push_back(token);
-            if (const HXChunkString *nested = chunk.chunkString())
-                structureOf(*nested, token.location, quint16(depth + 1), tokens);
-        });
-}
-
-std::vector<StructureToken> structureOf(const HXChunkString &node) {
+// The tokens of a whole tree, parents before what they hold; the walk keeps its own stack.
+std::vector<StructureToken> structureOf(const HXChunkString &root) {
+    struct Frame {
+        QList<HXChunk> chunks;
+        qsizetype next = 0;
+        quint64 location = 0;
+        quint16 depth = 0;
+    };
     std::vector<StructureToken> tokens;
     tokens.reserve(32);
-    structureOf(node, 0, 0, tokens);
+    std::vector<Frame> stack;
+    stack.push_back(Frame{root.allChunks(), 0, 0, 0});
+    while (!stack.empty()) {
+        Frame &frame = stack.back();
+        if (frame.next == frame.chunks.size()) {
+            stack.pop_back();
+            continue;
+        }
+        const HXChunk chunk = frame.chunks.at(frame.next++);
+        StructureToken token{frame.location, chunk.length(), nullptr, frame.depth, 0, 0};
+        frame.location += token.length;
+        const HXStringObject *object = chunk.object();
+        const HXStringObjectKind kind = object ? object->objectKind() : HXStringObjectKind::Other;
+        token.kind = quint8(chunk.isPlain() ? 0 : 1 + int(kind));
+        if (const auto *element = chunk.as<HXTextElement>()) {
+            token.tag = element->tag().get();
+            token.flags = quint8((element->isClosed() ? 1 : 0) | (element->isEntity() ? 2 : 0));
+        } else if (const auto *atom = chunk.as<HXTextAtom>()) {
+            token.tag = atom->tag().get();
+            token.flags = quint8(atom->part());
+        }
+        tokens.push_back(token);
+        if (const HXChunkString *nested = chunk.chunkString())
+            stack.push_back(
+                Frame{nested->allChunks(), 0, token.location, quint16(token.depth + 1)});
+    }
     return tokens;
 }
 
