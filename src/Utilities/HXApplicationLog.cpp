@@ -224,9 +224,10 @@ void HXApplicationLog::setRevealHandler(std::function<void(const QString &)> han
 }
 
 void HXApplicationLog::applicationWillTerminate() {
+    // The files stay open: what others record while the process ends (the preference store's
+    // last write among them) must still reach them. Every record is on disk already.
     if (HXExtensiveLogging.load())
         revealLogFileInFinder();
-    close();
 }
 
 void HXApplicationLog::close() {

@@ -67,7 +67,8 @@ public:
     void revealLogFileInFinder() const;
     static void setRevealHandler(std::function<void(const QString &path)> handler);
 
-    // Closes both files; later records go nowhere. Done at termination.
+    // Closes both files; later records go nowhere. Only an instance that goes away does this:
+    // the shared log stays usable until the process ends.
     void close();
 
     const QString &logContainerURL() const { return m_logContainerURL; }

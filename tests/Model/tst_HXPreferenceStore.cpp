@@ -13,6 +13,11 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QSignalSpy>
+#include <QUrl>
+
+#include <thread>
+
+using namespace Qt::StringLiterals;
 
 using namespace std::chrono_literals;
 
@@ -63,6 +68,8 @@ private Q_SLOTS:
     void terminationWritesAtOnce();
     void writeFailureKeepsState();
     void damagedFileFallsBackToDefaults();
+    void unstorableValuesAreRefused();
+    void siblingKeysFromTwoThreads();
     void nestedDictionariesMergeKeyByKey();
     void globalStoreSynchronizationFailure();
     void deallocationWithPendingWriteIsLogged();
@@ -261,6 +268,48 @@ void tst_HXPreferenceStore::damagedFileFallsBackToDefaults() {
     file.close();
     HXPreferenceStore store(path);
     QCOMPARE(store.localStore(), HXPreferenceStore::defaultsDictionary());
+    // What is left of the user's settings is kept beside the file the next write replaces.
+    store.setValue(QStringLiteral("New"), QStringLiteral("editor.fontName"));
+    store.writeStoreIfNeeded();
+    QCOMPARE(fileContents(path).value(QStringLiteral("editor")).toMap().value(u"fontName"_s),
+             QVariant(QStringLiteral("New")));
+    QFile kept(QFileInfo(path).absolutePath() + u"/Preferences.damaged.plist"_s);
+    QVERIFY(kept.open(QIODevice::ReadOnly));
+    QCOMPARE(kept.readAll(), QByteArray("<plist><dict><key>editor</key>"));
+}
+
+void tst_HXPreferenceStore::unstorableValuesAreRefused() {
+    const QString path = storePath(QStringLiteral("unstorable"));
+    HXPreferenceStore store(path);
+    QSignalSpy written(&store, &HXPreferenceStore::storeWritten);
+    for (const QVariant &value : {QVariant(u"a\u0001b"_s), QVariant(QUrl(u"https://x.org"_s)),
+                                  QVariant(), QVariant(QVariantMap{{u"k"_s, QVariant()}})}) {
+        store.setValue(value, QStringLiteral("editor.fontName"));
+        QCOMPARE(store.valueForKeyPath(QStringLiteral("editor.fontName")),
+                 store.defaultValueForKeyPath(QStringLiteral("editor.fontName")));
+    }
+    QVERIFY(!store.needsWrite());
+    QFile log(HXApplicationLog::sharedInstance()->crashErrorLogURL());
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    QVERIFY(log.readAll().contains("WARNING: Refused preference value"));
+    // Later changes are written as ever.
+    store.setValue(QStringLiteral("Fine"), QStringLiteral("editor.fontName"));
+    store.writeStoreIfNeeded();
+    QCOMPARE(written.size(), 1);
+    QVERIFY(written.first().first().toBool());
+}
+
+void tst_HXPreferenceStore::siblingKeysFromTwoThreads() {
+    HXPreferenceStore store(storePath(QStringLiteral("threads")));
+    auto setMany = [&](QChar prefix) {
+        for (int i = 0; i < 400; ++i)
+            store.setValue(i, QStringLiteral("race.") + prefix + QString::number(i));
+    };
+    std::thread first(setMany, u'a'), second(setMany, u'b');
+    first.join();
+    second.join();
+    QCOMPARE(store.objectForKey(QStringLiteral("race")).toMap().size(), 800);
+    store.writeStoreIfNeeded();
 }
 
 void tst_HXPreferenceStore::nestedDictionariesMergeKeyByKey() {

@@ -126,6 +126,10 @@ void tst_HXApplicationLog::noticesOnlyWhenExtensive() {
     QVERIFY(!text.contains("quiet notice"));
     QVERIFY(!text.contains("/tmp/a"));
     QVERIFY(text.contains("loud error"));
+    // What comes after the announcement of termination is still recorded.
+    HXNotificationCenter::defaultCenter()->post(HXApplicationWillTerminateNotification);
+    log.logError(u"late warning");
+    QVERIFY(contents(log.crashErrorLogURL()).contains("late warning"));
     // Nothing else was made in the folder.
     QCOMPARE(QDir(folder).entryList(QDir::Files), QStringList{QStringLiteral("errors.log")});
 }

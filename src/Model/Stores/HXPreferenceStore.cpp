@@ -7,6 +7,7 @@
 #include "Utilities/HXDictionaryMerging.h"
 #include "Utilities/HXLocations.h"
 #include "Utilities/HXPropertyList.h"
+#include "Utilities/HXStringFormat.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -44,6 +45,11 @@ const QVariantMap &HXPreferenceStore::defaultsDictionary() {
         return value.toMap();
     }();
     return defaults;
+}
+
+QString HXPreferenceStore::damagedStorePath() const {
+    return QFileInfo(m_localStorePath).absolutePath() +
+           QStringLiteral("/Preferences.damaged.plist");
 }
 
 QString HXPreferenceStore::localStoreURL() {
@@ -98,17 +104,38 @@ QVariant HXPreferenceStore::valueForKeyPath(const QString &keyPath) const {
     return valueAtPath(m_localStore, keyPath);
 }
 
+bool HXPreferenceStore::acceptsValue(const QVariant &value, const QString &keyPath) {
+    // One value the file can't hold would make every later write fail: it never gets in.
+    HXError error;
+    if (!HXPropertyList::xmlData(value, &error).isEmpty())
+        return true;
+    HXApplicationLog::sharedInstance()->logError(u"WARNING: Refused preference value %@ for %@: %@",
+                                                 value, keyPath, error.localizedFailureReason());
+    return false;
+}
+
 void HXPreferenceStore::setObject(const QVariant &value, const QString &key) {
     HX_ASSERT(HXIsDictionary(value),
               u"Preference store only allows dictionaries on top level. Given: %@ for %@.", value,
               key);
+    if (!acceptsValue(value, key))
+        return;
+    changeSection(key, [&](const QVariantMap &) { return value.toMap(); });
+}
+
+void HXPreferenceStore::changeSection(
+    const QString &key, const std::function<QVariantMap(const QVariantMap &)> &change) {
     Q_EMIT willChangeValueForKey(key);
+    QVariantMap section;
     {
+        // Read, change and store in one step, so that two threads setting sibling keys both
+        // get through.
         QMutexLocker locker(&m_mutex);
-        m_localStore.insert(key, value.toMap());
+        section = change(m_localStore.value(key).toMap());
+        m_localStore.insert(key, section);
     }
     if (m_globalStore)
-        m_globalStore->setObject(value, key);
+        m_globalStore->setObject(section, key);
     noteStoreChanged();
     Q_EMIT didChangeValueForKey(key);
 }
@@ -127,17 +154,24 @@ void HXPreferenceStore::removeObjectForKey(const QString &key) {
 
 void HXPreferenceStore::setValue(const QVariant &value, const QString &keyPath) {
     const QStringList components = keyPath.split(u'.');
-    QVariant child = value;
-    {
-        QMutexLocker locker(&m_mutex);
+    if (components.size() == 1) {
+        setObject(value, keyPath);
+        return;
+    }
+    if (!acceptsValue(value, keyPath))
+        return;
+    changeSection(components.first(), [&](const QVariantMap &present) {
+        // Fresh copies from the setting up to the section: what a reader holds stays as it was.
+        QVariant child = value;
         for (qsizetype i = components.size() - 1; i >= 1; --i) {
-            const QVariant parent = valueAtPath(m_localStore, components.mid(0, i).join(u'.'));
+            const QVariant parent = valueAtPath(QVariantMap{{components.first(), present}},
+                                                components.mid(0, i).join(u'.'));
             QVariantMap copy = HXIsDictionary(parent) ? parent.toMap() : QVariantMap();
             copy.insert(components.at(i), child);
             child = copy;
         }
-    }
-    setObject(child, components.first());
+        return child.toMap();
+    });
 }
 
 QMetaObject::Connection HXPreferenceStore::addObserverForKeyPath(const QString &keyPath,
@@ -168,10 +202,16 @@ void HXPreferenceStore::readLocalStore() {
     HXError error;
     const QVariant stored = HXPropertyList::readFile(m_localStorePath, &error);
     if (!HXIsDictionary(stored)) {
-        // The defaults stand in; the damaged file is overwritten only at the next change.
+        // The defaults stand in. The next write replaces the file, so what may still be saved
+        // of the user's settings is kept beside it first.
+        const QString damaged = damagedStorePath();
+        QFile::remove(damaged);
+        const bool kept = QFile::copy(m_localStorePath, damaged);
         HXApplicationLog::sharedInstance()->logError(
-            u"WARNING: Preferences at %@ can't be read, using defaults: %@", m_localStorePath,
-            stored.isValid() ? QStringLiteral("not a dictionary") : error.localizedDescription());
+            u"WARNING: Preferences at %@ can't be read, using defaults: %@ %@", m_localStorePath,
+            stored.isValid() ? QStringLiteral("not a dictionary") : error.localizedDescription(),
+            kept ? HXStringWithFormat(u"A copy is kept at %@.", damaged)
+                 : HXStringWithFormat(u"No copy could be kept at %@.", damaged));
         return;
     }
     const QVariantMap file = stored.toMap();
@@ -249,6 +289,8 @@ void HXPreferenceStore::write() {
         HXApplicationLog::sharedInstance()->logError(
             u"WARNING: Failed to write local cache of preference data to url %@.",
             m_localStorePath);
+        HXApplicationLog::sharedInstance()->logError(
+            u"The cause: %@ %@", error.localizedDescription(), error.localizedFailureReason());
     }
     Q_EMIT storeWritten(written);
 }

@@ -47,10 +47,12 @@ public:
     qsizetype count() const;
     QVariant objectForKey(const QString &key) const;
     QStringList keys() const;
-    // Sets a whole section; a value that is no dictionary is an assertion failure.
+    // Sets a whole section; a value that is no dictionary is an assertion failure. A value that a
+    // property list can't hold (a URL, a null, a string with control characters) is refused with
+    // a warning in the log, and nothing changes.
     void setObject(const QVariant &value, const QString &key);
     void removeObjectForKey(const QString &key);
-    // Sets one setting, leaving its siblings untouched.
+    // Sets one setting, leaving its siblings untouched; refused like setObject's values.
     void setValue(const QVariant &value, const QString &keyPath);
     // The value at a dotted path; null when a value on the way is no dictionary.
     QVariant valueForKeyPath(const QString &keyPath) const;
@@ -76,6 +78,9 @@ public:
 
     bool needsWrite() const { return m_write.isWritePending(); }
     const QString &localStorePath() const { return m_localStorePath; }
+    // Where a file that can't be read is kept before the next write replaces it:
+    // "Preferences.damaged.plist" beside it.
+    QString damagedStorePath() const;
     // The delay between the first change and the write; 10 seconds unless a test shortens it.
     void setWriteDelay(std::chrono::milliseconds delay) { m_write.setDelay(delay); }
 
@@ -88,6 +93,11 @@ Q_SIGNALS:
 private:
     void write();
     void mergeSection(const QString &key, const QVariant &value);
+    static bool acceptsValue(const QVariant &value, const QString &keyPath);
+    // Replaces a section by what `change` makes of the present one, under one lock, with the
+    // notifications around it.
+    void changeSection(const QString &key,
+                       const std::function<QVariantMap(const QVariantMap &)> &change);
 
     mutable QMutex m_mutex;
     QVariantMap m_localStore;
