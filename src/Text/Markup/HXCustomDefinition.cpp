@@ -1,6 +1,7 @@
 #include "Text/Markup/HXCustomDefinition.h"
 
 #include "Text/Markup/HXCustomTagAttribute.h"
+#include "Text/Markup/HXTextTag.h"
 #include "Utilities/HXStringFormat.h"
 #include "Utilities/HXXMLReader.h"
 
@@ -28,6 +29,11 @@ bool HXCustomDefinition::readerWillStartElement(const QString &, const HXXMLAttr
     m_displayName = attributes.value(QStringLiteral("name"));
     if (m_identifier.isEmpty())
         m_identifier = m_displayName.toLower();
+    if (m_identifier.isEmpty()) {
+        HXSetError(error, HXXMLReader::errorWithFailureReason(
+                              QStringLiteral("Definition without identifier or name")));
+        return false;
+    }
     const QString scopes = attributes.value(QStringLiteral("scope"));
     if (!scopes.isEmpty()) {
         // A list of scopes: the last one counts.
@@ -43,8 +49,17 @@ bool HXCustomDefinition::readerWillStartElement(const QString &, const HXXMLAttr
     }
     for (const QString &property : numberProperties) {
         const auto value = attributes.constFind(property);
-        if (value != attributes.constEnd())
-            m_properties.insert(property, value->toLongLong());
+        if (value == attributes.constEnd())
+            continue;
+        bool numeric = false;
+        const qint64 number = value->toLongLong(&numeric);
+        if (!numeric) {
+            HXSetError(error, HXXMLReader::errorWithFailureReason(HXStringWithFormat(
+                                  u"Property %@ of definition \"%@\" is no number: \"%@\"",
+                                  property, m_identifier, *value)));
+            return false;
+        }
+        m_properties.insert(property, number);
     }
     return true;
 }
@@ -54,7 +69,7 @@ std::shared_ptr<HXXMLReading> HXCustomDefinition::readerDidFindChildElement(cons
                                                                             HXError *) {
     if (name == HXCustomTagAttribute::XMLElementName())
         return std::make_shared<HXCustomTagAttribute>();
-    return nullptr;
+    return HXTextTag::readerForUnknownElement();
 }
 
 bool HXCustomDefinition::readerDidEndChildElement(const std::shared_ptr<HXXMLReading> &child,

@@ -1,5 +1,8 @@
 #include "Text/Markup/HXCustomTagAttribute.h"
 
+#include "Utilities/HXStringFormat.h"
+#include "Utilities/HXXMLReader.h"
+
 HXCustomTagAttribute::HXCustomTagAttribute(QString identifier, QString displayName, quint64 kind,
                                            bool showDisplayName)
     : m_identifier(std::move(identifier))
@@ -12,14 +15,22 @@ QString HXCustomTagAttribute::displayName() const {
 }
 
 bool HXCustomTagAttribute::readerWillStartElement(const QString &,
-                                                  const HXXMLAttributes &attributes, HXError *) {
+                                                  const HXXMLAttributes &attributes,
+                                                  HXError *error) {
     m_identifier = attributes.value(QStringLiteral("identifier"));
     m_displayName = attributes.value(QStringLiteral("name"));
     m_showDisplayName = attributes.value(QStringLiteral("showName")) == QLatin1String("yes");
+    const QString kind = attributes.value(QStringLiteral("kind"));
     bool ok = false;
-    const quint64 kind = attributes.value(QStringLiteral("kind")).toULongLong(&ok);
-    if (ok)
-        m_kind = kind;
+    m_kind = kind.toULongLong(&ok);
+    static const QList<quint64> kinds{HXTagAttributeKindString, HXTagAttributeKindNestedString,
+                                      HXTagAttributeKindURL, HXTagAttributeKindImage,
+                                      HXTagAttributeKindVideo};
+    if (!ok || !kinds.contains(m_kind)) {
+        HXSetError(error, HXXMLReader::errorWithFailureReason(HXStringWithFormat(
+                              u"Unknown kind \"%@\" of attribute \"%@\"", kind, m_identifier)));
+        return false;
+    }
     return true;
 }
 

@@ -367,7 +367,14 @@ bool HXMarkup::readerWillStartElement(const QString &name, const HXXMLAttributes
         return false;
     }
     const QString version = attributes.value(QStringLiteral("version"));
-    if (!version.isEmpty() && version.toLongLong() > currentVersion) {
+    bool numeric = false;
+    const qint64 versionNumber = version.toLongLong(&numeric);
+    if (attributes.contains(QStringLiteral("version")) && (!numeric || versionNumber < 1)) {
+        HXSetError(error, HXXMLReader::errorWithFailureReason(
+                              HXStringWithFormat(u"Bad version \"%@\" of markup", version)));
+        return false;
+    }
+    if (numeric && versionNumber > currentVersion) {
         const QString text = HXLocalizedString(QStringLiteral("IncompatibleFileFormatError"),
                                                QStringLiteral("HXMarkup"));
         HXSetError(error, HXError::withDescription(HXCocoaErrorDomain, 0, text, text));
@@ -384,7 +391,7 @@ std::shared_ptr<HXXMLReading> HXMarkup::readerDidFindChildElement(const QString 
                                                                   HXXMLReaderContext *, HXError *) {
     if (name == HXTextTag::XMLElementName())
         return std::make_shared<HXTextTag>();
-    return nullptr;
+    return HXTextTag::readerForUnknownElement();
 }
 
 bool HXMarkup::readerDidEndChildElement(const std::shared_ptr<HXXMLReading> &child,

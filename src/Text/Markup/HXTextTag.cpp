@@ -187,6 +187,34 @@ void HXTextTag::removePatternsObserver(const void *owner) {
 
 // --- Markup files ---------------------------------------------------------------------------
 
+namespace {
+
+class UnknownElementReader : public HXXMLReading {
+public:
+    std::shared_ptr<HXXMLReading>
+    readerDidFindChildElement(const QString &name, HXXMLReaderContext *, HXError *error) override {
+        if (name == HXTextTag::XMLElementName()) {
+            HXSetError(error, HXXMLReader::errorWithFailureReason(HXStringWithFormat(
+                                  u"Tag inside the unknown element \"%@\"", m_name)));
+            return nullptr;
+        }
+        return std::make_shared<UnknownElementReader>();
+    }
+    bool readerWillStartElement(const QString &name, const HXXMLAttributes &, HXError *) override {
+        m_name = name;
+        return true;
+    }
+
+private:
+    QString m_name;
+};
+
+} // namespace
+
+std::shared_ptr<HXXMLReading> HXTextTag::readerForUnknownElement() {
+    return std::make_shared<UnknownElementReader>();
+}
+
 bool HXTextTag::readerWillStartElement(const QString &, const HXXMLAttributes &attributes,
                                        HXError *) {
     std::lock_guard lock(m_mutex);
@@ -208,7 +236,7 @@ std::shared_ptr<HXXMLReading>
 HXTextTag::readerDidFindChildElement(const QString &name, HXXMLReaderContext *, HXError *) {
     if (name == HXCustomDefinition::XMLElementName())
         return std::make_shared<HXCustomDefinition>();
-    return nullptr;
+    return readerForUnknownElement();
 }
 
 bool HXTextTag::readerDidEndChildElement(const std::shared_ptr<HXXMLReading> &child,

@@ -72,6 +72,9 @@ public:
                                   HXXMLReaderContext *context, HXError *error) override;
     bool readerWillEndElement(HXXMLReaderContext *context, HXError *error) override;
     static QString XMLElementName() { return QStringLiteral("tag"); }
+    // What takes an element of a markup file that nothing knows: it is skipped, but a tag inside
+    // it is an error, as the markup would lose that tag without a word.
+    static std::shared_ptr<HXXMLReading> readerForUnknownElement();
     HXXMLElement XMLElement() const;
 
 private:
