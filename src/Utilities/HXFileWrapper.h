@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QMap>
 #include <QString>
+#include <QVariant>
 
 #include <memory>
 
@@ -48,3 +49,7 @@ private:
 };
 
 using HXFileWrapperRef = std::shared_ptr<HXFileWrapper>;
+
+using HXFileWrapperRef = std::shared_ptr<HXFileWrapper>;
+// A file may stand in a QVariant, as the value of a file attribute does.
+Q_DECLARE_METATYPE(HXFileWrapperRef)

@@ -6,6 +6,7 @@
 #include "Text/Markup/HXIntrinsicDefinition.h"
 #include "Text/Markup/HXIntrinsicTagAttribute.h"
 #include "Text/Markup/HXTextTag.h"
+#include "Text/String/Access/HXString.h"
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXAssert.h"
 
@@ -120,6 +121,10 @@ void tst_HXDefinition::namesAndCodeNames() {
                  qPrintable(definition->identifier()));
         QVERIFY(!definition->shortName().endsWith(QStringLiteral("_short")));
         QVERIFY(definition->userDescriptionText() != definition->identifier());
+        // The description is text of the markup it is written in, with its structure.
+        const auto description = definition->userDescription();
+        QCOMPARE(description->markup(), HXDefinition::userDescriptionMarkup());
+        QCOMPARE(description->string(), definition->userDescriptionText());
     }
     QCOMPARE(intrinsic("strong")->displayName(), QStringLiteral("Strong"));
     QCOMPARE(HXDefinition::displayNameForScope(HXHeadingScope), QStringLiteral("Headings"));

@@ -3,7 +3,7 @@
 
 #include "HXTestSupport.h"
 #include "HXTextTestSupport.h"
-#include "Text/String/Access/HXMutableString.h"
+#include "Text/String/Access/HXAtomicString.h"
 #include "Text/String/Access/HXStringXML.h"
 #include "Utilities/HXUndoManager.h"
 
@@ -228,6 +228,39 @@ void tst_HXTextUndo::attributeChanges() {
     editor.undo->redo();
     QCOMPARE(placed->attributes()->objectForKey(u"URL"_s).toString(), u"three"_s);
     QCOMPARE(placed->attributes()->objectForKey(u"title"_s).toString(), u"A title"_s);
+
+    // A change made on the dictionary itself reaches the observers and undo as well.
+    struct Observer : HXStringObserver {
+        QList<quint64> indexes;
+        void stringWillChangeAttributesOfElementAtIndex(HXString &, quint64 index) override {
+            indexes.append(index);
+        }
+    };
+    const auto observer = std::make_shared<Observer>();
+    editor.string->addStringObserver(observer);
+    editor.string->breakUndoCoalescing();
+    placed->attributes()->setDictionary({{u"URL"_s, u"direct"_s}});
+    QCOMPARE(observer->indexes, QList<quint64>(2, 2)); // URL set, title removed
+    QVERIFY(!placed->attributes()->objectForKey(u"title"_s).isValid());
+    editor.undo->undo();
+    QCOMPARE(placed->attributes()->objectForKey(u"URL"_s).toString(), u"three"_s);
+    QCOMPARE(placed->attributes()->objectForKey(u"title"_s).toString(), u"A title"_s);
+
+    // So does one in the text of a footnote, told to that text's observers.
+    auto footnote = HXTextElement::elementWithTag(HXTextTestSupport::tag("footnote"),
+                                                  HXTextTestSupport::markup());
+    editor.string->replaceCharactersInRange(HXRange{0, 0},
+                                            HXChunk(HXString::stringWithTextElement(footnote)));
+    const auto note =
+        editor.string->textElementStartingAtIndex(0)->attributes()->nestedStringForKey(u"text"_s);
+    note->replaceCharactersInRange(
+        HXRange{0, 0},
+        HXChunk(HXString::stringWithTextElement(HXTextElement::elementWithURLString(
+            u"u"_s, u"t"_s, HXTextTestSupport::tag("link"), HXTextTestSupport::markup()))));
+    const auto noteObserver = std::make_shared<Observer>();
+    note->addStringObserver(noteObserver);
+    note->textElementStartingAtIndex(0)->attributes()->setObject(u"v"_s, u"URL"_s);
+    QCOMPARE(noteObserver->indexes, QList<quint64>{0});
 }
 
 HX_TEST_MAIN(tst_HXTextUndo)

@@ -1,6 +1,8 @@
 #include "Text/Markup/HXDefinition.h"
 
 #include "Text/Markup/HXIntrinsicDefinition.h"
+#include "Text/Markup/HXMarkup.h"
+#include "Text/String/Access/HXString.h"
 #include "Utilities/HXDescription.h"
 #include "Utilities/HXLocalizedString.h"
 #include "Utilities/HXStringFormat.h"
@@ -77,6 +79,14 @@ qsizetype HXDefinition::ordering() const {
 
 QString HXDefinition::userDescriptionText() const {
     return HXLocalizedString(identifier(), QStringLiteral("HXDefinitionDescriptions"));
+}
+
+std::shared_ptr<HXMarkup> HXDefinition::userDescriptionMarkup() {
+    return HXMarkup::defaultIntrinsicMarkup();
+}
+
+std::shared_ptr<HXString> HXDefinition::userDescription() const {
+    return HXString::stringWithString(userDescriptionText(), userDescriptionMarkup());
 }
 
 bool HXDefinition::matchesSelector(HXDefinitionSelector selector) const {

@@ -9,6 +9,8 @@
 #include <memory>
 
 class HXDefinition;
+class HXMarkup;
+class HXString;
 using HXDefinitionRef = std::shared_ptr<const HXDefinition>;
 
 // Where a definition's tags stand: before a paragraph, as a block tag of a paragraph, nesting
@@ -84,8 +86,10 @@ public:
     // The place in the list of its scope; that list's length for a definition that isn't listed.
     qsizetype ordering() const;
     // The text that explains the definition to the user, as it is written in the description
-    // table.
+    // table, and that text parsed under the markup the descriptions are written in.
     QString userDescriptionText() const;
+    std::shared_ptr<HXString> userDescription() const;
+    static std::shared_ptr<HXMarkup> userDescriptionMarkup();
 
     // Whether the definition is one the selector selects; see the selector constants.
     bool matchesSelector(HXDefinitionSelector selector) const;

@@ -4,9 +4,7 @@ std::shared_ptr<HXAtomicString>
 HXAtomicString::stringWithMarkup(const std::shared_ptr<HXMarkup> &markup,
                                  HXDefinitionSelector recognizedDefinitions) {
     auto string = std::make_shared<HXAtomicString>();
-    string->m_recognizedDefinitions = recognizedDefinitions;
-    string->setMarkupObserved(markup);
-    string->setLockingContext(std::weak_ptr<HXLockingContext>(string));
+    setUpString(string, markup, recognizedDefinitions);
     return string;
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "Text/String/Access/HXMutableString.h"
-#include "Text/String/Implementation/HXLockingContext.h"
 #include "Utilities/HXReadWriteLock.h"
 
 // The string a loaded sheet holds: a mutable string whose every operation runs under its
@@ -11,7 +10,7 @@
 // attributes, take this string as their locking context, so one lock guards the whole tree.
 // Enumeration blocks and observers run inside the lock: they must not wait for another thread
 // that reads the string. `copy` gives an independent immutable tree for workers.
-class HXAtomicString : public HXMutableString, public HXLockingContext {
+class HXAtomicString : public HXMutableString {
 public:
     HXAtomicString() = default;
 

@@ -1,5 +1,6 @@
 #include "Text/String/Access/HXMutableString.h"
 
+#include "Text/String/Access/HXAtomicString.h"
 #include "Text/String/Parser/HXTextParser.h"
 #include "Text/String/Undo/HXAttributeUndoOperation.h"
 #include "Text/String/Undo/HXTextUndoOperation.h"
@@ -50,9 +51,16 @@ std::shared_ptr<HXMutableString>
 HXMutableString::stringWithMarkup(const std::shared_ptr<HXMarkup> &markup,
                                   HXDefinitionSelector recognizedDefinitions) {
     auto string = std::make_shared<HXMutableString>();
+    setUpString(string, markup, recognizedDefinitions);
+    return string;
+}
+
+void HXMutableString::setUpString(const std::shared_ptr<HXMutableString> &string,
+                                  const std::shared_ptr<HXMarkup> &markup,
+                                  HXDefinitionSelector recognizedDefinitions) {
     string->m_recognizedDefinitions = recognizedDefinitions;
     string->setMarkupObserved(markup);
-    return string;
+    string->setLockingContext(std::weak_ptr<HXLockingContext>(string));
 }
 
 void HXMutableString::setMarkupObserved(const std::shared_ptr<HXMarkup> &markup) {
@@ -415,11 +423,17 @@ void HXMutableString::trackUndoForChangeInRange(HXRange editedRange, const HXStr
 
 void HXMutableString::willChangeValueOfAttribute(const QString &attributeIdentifier,
                                                  const HXTextElement &element) {
-    if (!m_undoManager)
-        return;
     HX_ASSERT(!attributeIdentifier.isNull(), u"Invalid parameter not satisfying: %s",
               "attributeIdentifier != nil");
-    trackUndoForChangeOfAttributes({attributeIdentifier}, element);
+    if (m_undoManager) {
+        trackUndoForChangeOfAttributes({attributeIdentifier}, element);
+        return;
+    }
+    // Without undo the observers still hear of it.
+    const quint64 location = rangeOfTextElement(element).location;
+    forEachObserver([&](HXStringObserver &observer) {
+        observer.stringWillChangeAttributesOfElementAtIndex(*this, location);
+    });
 }
 
 void HXMutableString::trackUndoForChangeOfAttributes(const QStringList &attributeIdentifiers,
@@ -444,12 +458,51 @@ void HXMutableString::trackUndoForChangeOfAttributes(const QStringList &attribut
 
 void HXMutableString::setAttributeValue(const QVariant &value, const QString &attributeIdentifier,
                                         const HXTextElement &element) {
+    // The dictionary announces the change, which comes back here for undo and the observers.
     writing([&] {
         HX_ASSERT(element.attributes(), u"Element %@ has no attributes.", element.description());
-        willChangeValueOfAttribute(attributeIdentifier, element);
         if (value.isValid())
             element.attributes()->setObject(value, attributeIdentifier);
         else
             element.attributes()->removeObjectForKey(attributeIdentifier);
     });
+}
+
+void HXMutableString::attributeWillChange(const HXAttributeDictionary &attributes,
+                                          const QString &key) {
+    HXTextElementRef owner;
+    std::shared_ptr<HXMutableString> nestedOwner;
+    enumerateAllElements(
+        HXSelectorForScope(HXAttributedTextScope) | HXSelectorForScope(HXObjectScope),
+        [&](const HXTextElementRef &element, HXRange, bool &stop) {
+            const HXAttributeDictionaryRef &own = element->attributes();
+            if (!own)
+                return;
+            if (own.get() == &attributes) {
+                owner = element;
+                stop = true;
+                return;
+            }
+            // Nested strings share this string's lock, and so its announcements.
+            for (const QString &identifier : own->sortedKeys()) {
+                const auto nested = own->existingNestedStringForKey(identifier);
+                if (nested && !nestedOwner && nested->containsAttributes(attributes))
+                    nestedOwner = nested;
+            }
+            stop = bool(nestedOwner);
+        });
+    if (owner)
+        willChangeValueOfAttribute(key, *owner);
+    else if (nestedOwner)
+        nestedOwner->attributeWillChange(attributes, key);
+}
+
+bool HXMutableString::containsAttributes(const HXAttributeDictionary &attributes) const {
+    bool found = false;
+    enumerateAllElements(HXSelectorForScope(HXAttributedTextScope) |
+                             HXSelectorForScope(HXObjectScope),
+                         [&](const HXTextElementRef &element, HXRange, bool &stop) {
+                             found = stop = element->attributes().get() == &attributes;
+                         });
+    return found;
 }

@@ -3,6 +3,7 @@
 #include "Text/Markup/HXMarkup.h"
 #include "Text/String/Access/HXString.h"
 #include "Text/String/Access/HXStringObserver.h"
+#include "Text/String/Implementation/HXLockingContext.h"
 
 #include <memory>
 #include <vector>
@@ -14,9 +15,11 @@ class HXUndoManager;
 // A string that changes. All edits go through one door, `replaceCharactersInRange`, which keeps
 // the paragraphs whole (merging and splitting them at line feeds), parses the paragraphs it
 // touches and tells the observers. It observes its markup, and parses anew when the markup's
-// tags change. Not safe on several threads: HXAtomicString is. Made through its factories, as it
-// registers itself with its markup.
-class HXMutableString : public HXString, public HXMarkupObserver {
+// tags change. It is the context of its own tree: a change made in place on the attributes of
+// one of its elements reaches its observers and its undo as a change made through it. Not safe
+// on several threads, as it locks nothing: HXAtomicString is. Made through its factories, as it
+// registers itself with its markup and its nodes.
+class HXMutableString : public HXString, public HXMarkupObserver, public HXLockingContext {
 public:
     HXMutableString() = default;
     ~HXMutableString() override;
@@ -24,6 +27,10 @@ public:
     static std::shared_ptr<HXMutableString>
     stringWithMarkup(const std::shared_ptr<HXMarkup> &markup,
                      HXDefinitionSelector recognizedDefinitions = HXDefaultDefinitionSelector);
+    // What a factory does for a new string of this class or a subclass.
+    static void setUpString(const std::shared_ptr<HXMutableString> &string,
+                            const std::shared_ptr<HXMarkup> &markup,
+                            HXDefinitionSelector recognizedDefinitions);
 
     bool isMutable() const override { return true; }
 
@@ -67,6 +74,16 @@ public:
     // it for an invalid value, after telling undo and the observers.
     void setAttributeValue(const QVariant &value, const QString &attributeIdentifier,
                            const HXTextElement &element);
+
+    // The context of the tree: no lock of its own, blocks run at once.
+    void read(const std::function<void()> &block) override { block(); }
+    void write(const std::function<void()> &block) override { block(); }
+    // Finds the element that owns the attributes, here or in the nested strings of this
+    // string's elements, and records the change for undo and the observers.
+    void attributeWillChange(const HXAttributeDictionary &attributes, const QString &key) override;
+
+    // Whether one of this string's own elements has the attributes.
+    bool containsAttributes(const HXAttributeDictionary &attributes) const;
 
 protected:
     // Swaps the markup and moves this string's observation to the new one.

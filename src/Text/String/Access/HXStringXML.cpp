@@ -7,76 +7,163 @@
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXFileWrapper.h"
 #include "Utilities/HXLineEnds.h"
+#include "Utilities/HXStringFormat.h"
 #include "Utilities/HXXMLReader.h"
 
 namespace {
 
 // --- Writing --------------------------------------------------------------------------------
 
-void addChunks(const QList<HXChunk> &chunks, HXXMLElement &parent, HXXMLReaderContext *context);
+// Writes the parts of a string as elements; the first problem, a file with nowhere to go, is
+// kept and fails the whole write.
+class Writer {
+public:
+    explicit Writer(HXXMLReaderContext *context)
+        : m_context(context) {}
 
-HXXMLElement elementXML(const HXTextElement &element, HXXMLReaderContext *context) {
-    HXXMLElement xml(QStringLiteral("element"));
-    const HXDefinitionRef definition = element.definition();
-    xml.setAttribute(QStringLiteral("kind"), definition ? definition->identifier() : QString());
-    if (!element.isClosed() && !element.isObject())
-        xml.setAttribute(QStringLiteral("closed"), QStringLiteral("no"));
-    const HXTextTagRef &tag = element.tag();
-    if (tag && !element.isEntity() && element.headAtom())
-        xml.setAttribute(QStringLiteral("startTag"), element.headAtom()->stringRepresentation());
-    if (tag && element.isClosed() && !element.isEntity() && !element.isObject() &&
-        !tag->patternIsSimple(1) && element.tailAtom())
-        xml.setAttribute(QStringLiteral("endTag"), element.tailAtom()->stringRepresentation());
-    if (const auto &attributes = element.attributes()) {
-        for (const HXXMLElement &attribute : HXStringXML::attributeElements(*attributes, context))
-            xml.addChild(attribute);
+    const HXError &failure() const { return m_failure; }
+
+    // A string, under its read lock when it has one.
+    HXXMLElement string(const HXString &string) {
+        HXXMLElement xml(QStringLiteral("string"));
+        if (const auto lock = string.lockingContext().lock())
+            lock->read([&] { xml = unlockedString(string); });
+        else
+            xml = unlockedString(string);
+        return xml;
     }
-    addChunks(element.innerChunks(), xml, context);
-    return xml;
-}
 
-void addChunks(const QList<HXChunk> &chunks, HXXMLElement &parent, HXXMLReaderContext *context) {
-    for (const HXChunk &chunk : chunks) {
-        if (const auto *element = chunk.as<HXTextElement>()) {
-            parent.addChild(elementXML(*element, context));
-        } else if (const auto *escape = chunk.as<HXEscapeAtom>()) {
-            HXXMLElement xml(QStringLiteral("escape"));
-            xml.addText(escape->string());
-            parent.addChild(xml);
-        } else {
-            QString text = HXXMLStringByRemovingForbiddenCharacters(chunk.string());
-            text.remove(QLatin1Char('\n'));
-            if (!text.isEmpty())
-                parent.addText(text);
+    QList<HXXMLElement> attributes(const HXAttributeDictionary &attributes) {
+        QList<HXXMLElement> elements;
+        for (const HXTagAttributeRef &attribute : attributes.definition()->attributes()) {
+            const QString &identifier = attribute->identifier();
+            HXXMLElement value(QStringLiteral("attribute"));
+            value.setAttribute(QStringLiteral("identifier"), identifier);
+            if (attribute->kind() == HXTagAttributeKindNestedString) {
+                const auto nested = attributes.existingNestedStringForKey(identifier);
+                if (!nested)
+                    continue;
+                value.addChild(string(*nested));
+            } else if (attribute->isFile()) {
+                const auto file = attributes.fileWrapperForKey(identifier);
+                if (!file)
+                    continue;
+                const QString handle = m_context ? m_context->storeFileWrapper(file) : QString();
+                if (handle.isEmpty()) {
+                    fail(m_context ? HXStringWithFormat(u"The file of attribute %@ could not be "
+                                                        u"stored.",
+                                                        identifier)
+                                   : HXStringWithFormat(u"The file of attribute %@ can't be "
+                                                        u"stored without a place for files.",
+                                                        identifier));
+                    continue;
+                }
+                value.addText(handle);
+            } else {
+                const QVariant stored = attributes.objectForKey(identifier);
+                if (!stored.isValid())
+                    continue;
+                HX_ASSERT(attribute->kind() == HXTagAttributeKindString ||
+                              attribute->kind() == HXTagAttributeKindURL,
+                          u"No support for storing values of attribute %@.", identifier);
+                value.addText(HXXMLStringByRemovingForbiddenCharacters(stored.toString()));
+            }
+            elements.append(value);
+        }
+        return elements;
+    }
+
+private:
+    void fail(const QString &reason) {
+        if (m_failure.isNull())
+            m_failure = HXError::withDescription(HXCocoaErrorDomain, HXFileWriteUnknownError,
+                                                 reason, reason);
+    }
+
+    HXXMLElement unlockedString(const HXString &string) {
+        HXXMLElement xml(QStringLiteral("string"));
+        xml.setAttribute(QStringLiteral("xml:space"), QStringLiteral("preserve"));
+        xml.addText(QStringLiteral("\n"));
+        const QList<HXParagraphRef> paragraphs = string.paragraphs();
+        for (const HXParagraphRef &paragraph : paragraphs) {
+            xml.addChild(this->paragraph(*paragraph));
+            xml.addText(QStringLiteral("\n"));
+        }
+        if (!paragraphs.isEmpty() && paragraphs.last()->endsInLineFeed()) {
+            xml.addChild(HXXMLElement(QStringLiteral("p")));
+            xml.addText(QStringLiteral("\n"));
+        }
+        return xml;
+    }
+
+    HXXMLElement element(const HXTextElement &element) {
+        HXXMLElement xml(QStringLiteral("element"));
+        const HXDefinitionRef definition = element.definition();
+        xml.setAttribute(QStringLiteral("kind"), definition ? definition->identifier() : QString());
+        if (!element.isClosed() && !element.isObject())
+            xml.setAttribute(QStringLiteral("closed"), QStringLiteral("no"));
+        const HXTextTagRef &tag = element.tag();
+        if (tag && !element.isEntity() && element.headAtom())
+            xml.setAttribute(QStringLiteral("startTag"),
+                             element.headAtom()->stringRepresentation());
+        if (tag && element.isClosed() && !element.isEntity() && !element.isObject() &&
+            !tag->patternIsSimple(1) && element.tailAtom())
+            xml.setAttribute(QStringLiteral("endTag"), element.tailAtom()->stringRepresentation());
+        if (const auto &attributes = element.attributes()) {
+            for (const HXXMLElement &attribute : this->attributes(*attributes))
+                xml.addChild(attribute);
+        }
+        chunks(element.innerChunks(), xml);
+        return xml;
+    }
+
+    void chunks(const QList<HXChunk> &chunks, HXXMLElement &parent) {
+        for (const HXChunk &chunk : chunks) {
+            if (const auto *element = chunk.as<HXTextElement>()) {
+                parent.addChild(this->element(*element));
+            } else if (const auto *escape = chunk.as<HXEscapeAtom>()) {
+                HXXMLElement xml(QStringLiteral("escape"));
+                xml.addText(escape->string());
+                parent.addChild(xml);
+            } else {
+                QString text = HXXMLStringByRemovingForbiddenCharacters(chunk.string());
+                text.remove(QLatin1Char('\n'));
+                if (!text.isEmpty())
+                    parent.addText(text);
+            }
         }
     }
-}
 
-HXXMLElement paragraphXML(const HXParagraph &paragraph, HXXMLReaderContext *context) {
-    HXXMLElement xml(QStringLiteral("p"));
-    addChunks(paragraph.children(), xml, context);
-    QList<HXTextTagRef> prefix = paragraph.groupings();
-    if (paragraph.tag())
-        prefix.append(paragraph.tag());
-    QList<HXTextAtomRef> atoms = paragraph.groupTagStrings();
-    if (paragraph.tagString())
-        atoms.append(paragraph.tagString());
-    if (!prefix.isEmpty() && atoms.size() == prefix.size()) {
-        HXXMLElement tags(QStringLiteral("tags"));
-        for (qsizetype i = 0; i < prefix.size(); ++i) {
-            HXXMLElement tag(QStringLiteral("tag"));
-            if (prefix.at(i))
-                tag.setAttribute(QStringLiteral("kind"), prefix.at(i)->definition()->identifier());
-            tag.addText(
-                HXXMLStringByRemovingForbiddenCharacters(atoms.at(i)->stringRepresentation()));
-            tags.addChild(tag);
+    HXXMLElement paragraph(const HXParagraph &paragraph) {
+        HXXMLElement xml(QStringLiteral("p"));
+        chunks(paragraph.children(), xml);
+        QList<HXTextTagRef> prefix = paragraph.groupings();
+        if (paragraph.tag())
+            prefix.append(paragraph.tag());
+        QList<HXTextAtomRef> atoms = paragraph.groupTagStrings();
+        if (paragraph.tagString())
+            atoms.append(paragraph.tagString());
+        if (!prefix.isEmpty() && atoms.size() == prefix.size()) {
+            HXXMLElement tags(QStringLiteral("tags"));
+            for (qsizetype i = 0; i < prefix.size(); ++i) {
+                HXXMLElement tag(QStringLiteral("tag"));
+                if (prefix.at(i))
+                    tag.setAttribute(QStringLiteral("kind"),
+                                     prefix.at(i)->definition()->identifier());
+                tag.addText(
+                    HXXMLStringByRemovingForbiddenCharacters(atoms.at(i)->stringRepresentation()));
+                tags.addChild(tag);
+            }
+            xml.insertChild(0, tags);
         }
-        xml.insertChild(0, tags);
+        if (paragraph.bookmark())
+            xml.insertChild(0, HXXMLElement(QStringLiteral("bookmark")));
+        return xml;
     }
-    if (paragraph.bookmark())
-        xml.insertChild(0, HXXMLElement(QStringLiteral("bookmark")));
-    return xml;
-}
+
+    HXXMLReaderContext *m_context;
+    HXError m_failure;
+};
 
 // --- Reading --------------------------------------------------------------------------------
 
@@ -482,41 +569,27 @@ private:
 
 } // namespace
 
-QList<HXXMLElement> HXStringXML::attributeElements(const HXAttributeDictionary &attributes,
-                                                   HXXMLReaderContext *context) {
-    QList<HXXMLElement> elements;
-    for (const HXTagAttributeRef &attribute : attributes.definition()->attributes()) {
-        const QString &identifier = attribute->identifier();
-        HXXMLElement value(QStringLiteral("attribute"));
-        value.setAttribute(QStringLiteral("identifier"), identifier);
-        if (attribute->kind() == HXTagAttributeKindNestedString) {
-            const auto nested = attributes.existingNestedStringForKey(identifier);
-            if (!nested)
-                continue;
-            value.addChild(XMLElement(*nested, context));
-        } else if (attribute->isFile()) {
-            const auto file = attributes.fileWrapperForKey(identifier);
-            const QString handle = file && context ? context->storeFileWrapper(file) : QString();
-            if (handle.isEmpty())
-                continue;
-            value.addText(handle);
-        } else {
-            const QVariant stored = attributes.objectForKey(identifier);
-            if (!stored.isValid())
-                continue;
-            value.addText(HXXMLStringByRemovingForbiddenCharacters(stored.toString()));
-        }
-        elements.append(value);
+std::optional<QList<HXXMLElement>>
+HXStringXML::attributeElements(const HXAttributeDictionary &attributes, HXXMLReaderContext *context,
+                               HXError *error) {
+    Writer writer(context);
+    const QList<HXXMLElement> elements = writer.attributes(attributes);
+    if (!writer.failure().isNull()) {
+        HXSetError(error, writer.failure());
+        return std::nullopt;
     }
     return elements;
 }
 
 QByteArray HXStringXML::attributesPasteboardPropertyList(const HXAttributeDictionary &attributes,
-                                                         const QString &type) {
+                                                         const QString &type, HXError *error) {
     HX_ASSERT(type == attributesPasteboardType, u"Invalid pasteboard type passed");
+    const auto elements = attributeElements(attributes, nullptr, error);
+    if (!elements)
+        return QByteArray();
     HXXMLElement xml(QStringLiteral("attributes"));
     xml.setAttribute(QStringLiteral("kind"), attributes.definition()->identifier());
-    for (const HXXMLElement &attribute : attributeElements(attributes))
+    for (const HXXMLElement &attribute : *elements)
         xml.addChild(attribute);
     return xml.xmlDocumentData();
 }
@@ -532,33 +605,21 @@ HXStringXML::attributesWithPasteboardPropertyList(const QByteArray &data, const 
     return reader.attributes;
 }
 
-HXXMLElement HXStringXML::XMLElement(const HXString &string, HXXMLReaderContext *context) {
-    if (const auto lock = string.lockingContext().lock()) {
-        HXXMLElement xml(QStringLiteral("string"));
-        lock->read([&] { xml = unlockedXMLElement(string, context); });
-        return xml;
-    }
-    return unlockedXMLElement(string, context);
-}
-
-HXXMLElement HXStringXML::unlockedXMLElement(const HXString &string, HXXMLReaderContext *context) {
-    HXXMLElement xml(QStringLiteral("string"));
-    xml.setAttribute(QStringLiteral("xml:space"), QStringLiteral("preserve"));
-    xml.addText(QStringLiteral("\n"));
-    const QList<HXParagraphRef> paragraphs = string.paragraphs();
-    for (const HXParagraphRef &paragraph : paragraphs) {
-        xml.addChild(paragraphXML(*paragraph, context));
-        xml.addText(QStringLiteral("\n"));
-    }
-    if (!paragraphs.isEmpty() && paragraphs.last()->endsInLineFeed()) {
-        xml.addChild(HXXMLElement(QStringLiteral("p")));
-        xml.addText(QStringLiteral("\n"));
+std::optional<HXXMLElement> HXStringXML::XMLElement(const HXString &string,
+                                                    HXXMLReaderContext *context, HXError *error) {
+    Writer writer(context);
+    HXXMLElement xml = writer.string(string);
+    if (!writer.failure().isNull()) {
+        HXSetError(error, writer.failure());
+        return std::nullopt;
     }
     return xml;
 }
 
-QByteArray HXStringXML::XMLData(const HXString &string, HXXMLReaderContext *context) {
-    return XMLElement(string, context).xmlDocumentData();
+QByteArray HXStringXML::XMLData(const HXString &string, HXXMLReaderContext *context,
+                                HXError *error) {
+    const auto xml = XMLElement(string, context, error);
+    return xml ? xml->xmlDocumentData() : QByteArray();
 }
 
 std::shared_ptr<HXMutableString>
@@ -573,9 +634,10 @@ HXStringXML::stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXM
     return string;
 }
 
-QByteArray HXStringXML::pasteboardPropertyListForType(const HXString &string, const QString &type) {
+QByteArray HXStringXML::pasteboardPropertyListForType(const HXString &string, const QString &type,
+                                                      HXError *error) {
     HX_ASSERT(type == pasteboardType, u"Invalid pasteboard type passed");
-    return XMLData(string);
+    return XMLData(string, nullptr, error);
 }
 
 std::shared_ptr<HXMutableString>

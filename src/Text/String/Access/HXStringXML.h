@@ -7,6 +7,7 @@
 #include <QByteArray>
 
 #include <memory>
+#include <optional>
 
 class HXAttributeDictionary;
 class HXXMLReaderContext;
@@ -27,12 +28,15 @@ public:
     static inline const QString attributesPasteboardType =
         QStringLiteral("com.quaytor.velmora3.attributes");
 
-    // Written under the string's read lock, when it has one.
-    // Files of attributes are kept by the context, and written as its handles; without a
-    // context they are left out.
-    static HXXMLElement XMLElement(const HXString &string, HXXMLReaderContext *context = nullptr);
-    // A whole document: the declaration and the `string` element.
-    static QByteArray XMLData(const HXString &string, HXXMLReaderContext *context = nullptr);
+    // Written under the string's read lock, when it has one. Files of attributes are kept by the
+    // context and written as its handles; a file with no context to keep it, or one the context
+    // can't keep, fails the write with an error rather than leave the file out.
+    static std::optional<HXXMLElement> XMLElement(const HXString &string,
+                                                  HXXMLReaderContext *context = nullptr,
+                                                  HXError *error = nullptr);
+    // A whole document: the declaration and the `string` element; empty when writing fails.
+    static QByteArray XMLData(const HXString &string, HXXMLReaderContext *context = nullptr,
+                              HXError *error = nullptr);
     // The string of a document, in the markup; nothing and the reader's error when it fails.
     // Files come from the context; one it can't read is left out.
     static std::shared_ptr<HXMutableString>
@@ -41,23 +45,24 @@ public:
                       HXXMLReaderContext *context = nullptr);
 
     // The pasteboard form: the document's data under the string's type; another type is the
-    // assertion.
-    static QByteArray pasteboardPropertyListForType(const HXString &string, const QString &type);
+    // assertion. Empty, with the error, for a string with files.
+    static QByteArray pasteboardPropertyListForType(const HXString &string, const QString &type,
+                                                    HXError *error = nullptr);
     static std::shared_ptr<HXMutableString>
     stringWithPasteboardPropertyList(const QByteArray &data, const QString &type,
                                      const std::shared_ptr<HXMarkup> &markup, HXError *error);
 
-    // The `attribute` elements of an element's values, in the definition's order.
-    static QList<HXXMLElement> attributeElements(const HXAttributeDictionary &attributes,
-                                                 HXXMLReaderContext *context = nullptr);
+    // The `attribute` elements of an element's values, in the definition's order; nothing when a
+    // file can't be kept.
+    static std::optional<QList<HXXMLElement>>
+    attributeElements(const HXAttributeDictionary &attributes,
+                      HXXMLReaderContext *context = nullptr, HXError *error = nullptr);
     // The standalone form of an entity's attributes, under an `attributes` root that names the
-    // definition; it carries them on the pasteboard.
+    // definition; it carries them on the pasteboard. Empty, with the error, when it holds files.
     static QByteArray attributesPasteboardPropertyList(const HXAttributeDictionary &attributes,
-                                                       const QString &type);
+                                                       const QString &type,
+                                                       HXError *error = nullptr);
     static std::shared_ptr<HXAttributeDictionary>
     attributesWithPasteboardPropertyList(const QByteArray &data, const QString &type,
                                          const std::shared_ptr<HXMarkup> &markup, HXError *error);
-
-private:
-    static HXXMLElement unlockedXMLElement(const HXString &string, HXXMLReaderContext *context);
 };

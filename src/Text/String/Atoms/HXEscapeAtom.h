@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Text/String/Implementation/HXStringObject.h"
+#include "Text/String/Parser/HXTextParser.h"
 
 #include <QString>
 
@@ -26,7 +27,7 @@ public:
     QString description() const override;
 
     // The number of leading code units that escape.
-    static constexpr quint64 escapeLength = 1;
+    static constexpr quint64 escapeLength = HXTextParser::escapingSequenceLength;
     QString stringWithoutEscape() const { return m_string.mid(escapeLength); }
 
 private:

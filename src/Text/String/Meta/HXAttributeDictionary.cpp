@@ -71,18 +71,56 @@ bool HXAttributeDictionary::canSetObject(const QVariant &value, const QString &k
     return canSetObject(value, *attributeForKey(key));
 }
 
+template<typename F>
+void HXAttributeDictionary::change(const QString &key, F &&store) {
+    const auto context = m_lockingContext.lock();
+    if (!context) {
+        store();
+        return;
+    }
+    context->write([&] {
+        context->attributeWillChange(*this, key);
+        store();
+    });
+}
+
 void HXAttributeDictionary::setObject(const QVariant &value, const QString &key) {
     const HXTagAttributeRef attribute = attributeForKey(key);
     HX_ASSERT(attribute->kind() != HXTagAttributeKindNestedString,
               u"Setting text attributes is forbidden");
+    if (attribute->isFile() && value.canConvert<HXFileWrapperRef>()) {
+        setFileWrapperForKey(value.value<HXFileWrapperRef>(), key);
+        return;
+    }
     HX_ASSERT(canSetObject(value, *attribute), u"Invalid object for attribute %@", key);
-    m_store.insert(key, HXXMLStringByRemovingForbiddenCharacters(value.toString()));
+    change(key, [&] {
+        m_store.insert(key, HXXMLStringByRemovingForbiddenCharacters(value.toString()));
+    });
 }
 
 void HXAttributeDictionary::removeObjectForKey(const QString &key) {
-    m_store.remove(key);
-    m_nestedStrings.remove(key);
-    m_files.remove(key);
+    if (!m_store.contains(key) && !m_nestedStrings.contains(key) && !m_files.contains(key))
+        return;
+    change(key, [&] {
+        m_store.remove(key);
+        m_nestedStrings.remove(key);
+        m_files.remove(key);
+    });
+}
+
+void HXAttributeDictionary::setDictionary(const QVariantMap &values) {
+    for (auto it = values.cbegin(); it != values.cend(); ++it)
+        attributeForKey(it.key()); // an identifier the definition doesn't have is the assertion
+    for (const QString &key : sortedKeys()) {
+        if (values.contains(key))
+            setObject(values.value(key), key);
+        else
+            removeObjectForKey(key);
+    }
+}
+
+void HXAttributeDictionary::removeFileWrappersQuietly() {
+    m_files.clear();
 }
 
 bool HXAttributeDictionary::canSetFileWrapper(const std::shared_ptr<HXFileWrapper> &file,
@@ -94,13 +132,13 @@ bool HXAttributeDictionary::canSetFileWrapper(const std::shared_ptr<HXFileWrappe
 void HXAttributeDictionary::setFileWrapperForKey(const std::shared_ptr<HXFileWrapper> &file,
                                                  const QString &key) {
     HX_ASSERT(canSetFileWrapper(file, key), u"Invalid object for attribute %@", key);
-    m_files.insert(key, file);
+    change(key, [&] { m_files.insert(key, file); });
 }
 
 bool HXAttributeDictionary::setFileWrapper(const std::shared_ptr<HXFileWrapper> &file) {
     for (const HXTagAttributeRef &attribute : m_definition->attributes()) {
         if (canSetFileWrapper(file, attribute->identifier())) {
-            m_files.insert(attribute->identifier(), file);
+            setFileWrapperForKey(file, attribute->identifier());
             return true;
         }
     }
@@ -155,6 +193,17 @@ void HXAttributeDictionary::setLockingContext(const std::weak_ptr<HXLockingConte
     }
 }
 
+bool HXAttributeDictionary::compareObject(const QVariant &value, const QVariant &other,
+                                          const HXTagAttribute &attribute) {
+    if (attribute.isFile() && value.canConvert<HXFileWrapperRef>() &&
+        other.canConvert<HXFileWrapperRef>()) {
+        const auto file = value.value<HXFileWrapperRef>(),
+                   otherFile = other.value<HXFileWrapperRef>();
+        return file == otherFile || (file && otherFile && file->hasSameContentsAs(*otherFile));
+    }
+    return value == other;
+}
+
 // Values are equal; two files are equal when their contents are, whatever their names.
 bool HXAttributeDictionary::isEqual(const HXAttributeDictionary &other) const {
     if (!HXDefinitionsEqual(m_definition, other.m_definition) || m_store != other.m_store ||
@@ -162,7 +211,9 @@ bool HXAttributeDictionary::isEqual(const HXAttributeDictionary &other) const {
         m_files.keys() != other.m_files.keys())
         return false;
     for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
-        if (!it.value()->hasSameContentsAs(*other.m_files.value(it.key())))
+        if (!compareObject(QVariant::fromValue(it.value()),
+                           QVariant::fromValue(other.m_files.value(it.key())),
+                           *attributeForKey(it.key())))
             return false;
     }
     for (auto it = m_nestedStrings.cbegin(); it != m_nestedStrings.cend(); ++it) {

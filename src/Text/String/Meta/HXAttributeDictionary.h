@@ -19,7 +19,8 @@ class HXMarkup;
 // hold; the text of a footnote or an annotation is a nested string of its own, made on first
 // use, that can't itself hold footnotes and takes the lock of the outer string. One for each
 // entity whose definition declares attributes, owned by the element; guarded by the lock of the
-// string that owns the element. Changes that undo should see go through the string.
+// string that owns the element. Every change made here is announced to that string first, inside
+// its write, so that its observers and its undo see it as they see a change made through it.
 class HXAttributeDictionary {
 public:
     HXAttributeDictionary(HXDefinitionRef definition, std::shared_ptr<HXMarkup> markup);
@@ -39,8 +40,14 @@ public:
     std::shared_ptr<HXAtomicString> existingNestedStringForKey(const QString &key) const {
         return m_nestedStrings.value(key);
     }
+    // Announce the change, then store or remove.
     void setObject(const QVariant &value, const QString &key);
     void removeObjectForKey(const QString &key);
+    // Takes the values of a plain map, by identifier, and drops those it lacks: strings and URLs
+    // as strings, files as HXFileWrapperRef. Text attributes can't be set.
+    void setDictionary(const QVariantMap &values);
+    // Drops the files without announcing it: the parser does this while the tree is in flux.
+    void removeFileWrappersQuietly();
     bool canSetObject(const QVariant &value, const QString &key) const;
     static bool canSetObject(const QVariant &value, const HXTagAttribute &attribute);
     // Store in the first attribute of the definition that takes the kind; false if none does.
@@ -62,8 +69,15 @@ public:
     void setMarkup(const std::shared_ptr<HXMarkup> &markup);
     void setLockingContext(const std::weak_ptr<HXLockingContext> &context);
     bool isEqual(const HXAttributeDictionary &other) const;
+    // Whether two values of the attribute are equal: two files when their contents are.
+    static bool compareObject(const QVariant &value, const QVariant &other,
+                              const HXTagAttribute &attribute);
 
 private:
+    // Runs a change under the write of the owning string, announced to it first.
+    template<typename F>
+    void change(const QString &key, F &&store);
+
     HXDefinitionRef m_definition;
     std::shared_ptr<HXMarkup> m_markup;
     QVariantMap m_store;

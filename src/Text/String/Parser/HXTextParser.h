@@ -39,6 +39,8 @@ public:
     // The expressions offered to the user.
     static const QStringList &userPatternExpressions();
     static QChar escapeCharacter() { return QLatin1Char('\\'); }
+    // The code units of an escape that stand before the escaped character.
+    static constexpr quint64 escapingSequenceLength = 1;
 
     // Walks a pattern: calls block(literal, expression, stop) with the literal text before each
     // expression and the expression, and a last time with the rest and a null expression. No

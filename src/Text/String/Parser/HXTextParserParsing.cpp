@@ -374,12 +374,8 @@ void HXTextParser::flattenString(const HXChunkString &node, HXChunkString &flatS
         if (const auto element = chunk.pointerAs<HXTextElement>()) {
             HX_ASSERT(element->isEntity() || element->definition()->noParsingInside(),
                       u"Only object-elements and code should be left");
-            if ((definitionOptions & HXSelectorNoMedia) && element->attributes()) {
-                for (const HXTagAttributeRef &attribute : element->definition()->attributes()) {
-                    if (attribute->isFile())
-                        element->attributes()->removeObjectForKey(attribute->identifier());
-                }
-            }
+            if ((definitionOptions & HXSelectorNoMedia) && element->attributes())
+                element->attributes()->removeFileWrappersQuietly();
             flush();
             flatString.appendChunk(chunk);
             return;
