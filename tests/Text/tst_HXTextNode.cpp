@@ -52,8 +52,6 @@ void tst_HXTextNode::headingParagraph() {
     auto heading = paragraph({}, tag("heading2"));
     QCOMPARE(heading->string(), u"## "_s);
     heading->appendChunk(HXChunk(u"\n"_s));
-    QCOMPARE(heading->headChunk().chunkString()->allChunks().size(), 1);
-    QCOMPARE(heading->tagString()->stringRepresentation(), u"## "_s);
     QCOMPARE(heading->children().size(), 1);
     QCOMPARE(heading->children().first().string(), u"\n"_s);
     heading->checkInvariants();
@@ -63,7 +61,6 @@ void tst_HXTextNode::headingParagraph() {
         tag("heading1"), {tag("blockquote"), nullptr, tag("orderedList", "\\d.")}, {1, 1, 4}, {},
         markup());
     QCOMPARE(nested->string(), u"> \t4. # "_s);
-    QCOMPARE(nested->level(), 3);
     QCOMPARE(nested->groupTagStrings().size(), 3);
     nested->checkInvariants();
     QCOMPARE(assertionText([&] { nested->setGroupings({tag("blockquote")}, nullptr, {}); }),
@@ -74,8 +71,6 @@ void tst_HXTextNode::entitiesHoldTheirAtoms() {
     auto link = HXTextElement::elementWithURLString(u"https://example.org"_s, u"site"_s,
                                                     tag("link"), markup());
     QVERIFY(link->isEntity() && link->isClosed() && link->isIntact());
-    QCOMPARE(link->length(), 6u);
-    QCOMPARE(link->characterAtIndex(0), object);
     QCOMPARE(link->string(), object + u"site"_s + object);
     QCOMPARE(link->attributes()->objectForKey(u"URL"_s).toString(), u"https://example.org"_s);
     QCOMPARE(assertionText([&] { link->headAtom()->characterAtIndex(1); }),
@@ -110,7 +105,6 @@ void tst_HXTextNode::objectsTakeNoText() {
     auto image = element("image", {});
     QVERIFY(image->isObject() && image->isEntity());
     QCOMPARE(image->string(), QString(object));
-    QVERIFY(image->tailChunk().isNull());
     QCOMPARE(assertionText([&] {
                  image->replaceCharactersInRange(HXRange{0, 0}, u"x"_s);
              }),

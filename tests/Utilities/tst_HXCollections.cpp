@@ -6,178 +6,150 @@
 #include "Utilities/HXRestorableDictionary.h"
 #include "Utilities/HXUserDefaults.h"
 
+using namespace Qt::StringLiterals;
+
 class tst_HXCollections : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void mergeKeepsKeysOfTheReceiver();
-    void mergeExistingKeysOnly();
+    void merging_data();
+    void merging();
     void restorableStates();
-    void restorableCopiesAreIndependent();
     void keyPathReads();
     void keyPathWrites();
     void keyPathRemoval();
     void userDefaultsPersist();
 };
 
-void tst_HXCollections::mergeKeepsKeysOfTheReceiver() {
-    const QVariantMap receiver{
-        {QStringLiteral("a"), 1},
-        {QStringLiteral("nested"), QVariantMap{{QStringLiteral("x"), 1}, {QStringLiteral("y"), 2}}},
-        {QStringLiteral("replaced"), QVariantMap{{QStringLiteral("x"), 1}}},
-    };
-    const QVariantMap incoming{
-        {QStringLiteral("b"), 2},
-        {QStringLiteral("nested"),
-         QVariantMap{{QStringLiteral("y"), 20}, {QStringLiteral("z"), 30}}},
-        // A dictionary meeting a non-dictionary: the incoming value wins whole.
-        {QStringLiteral("replaced"), QStringLiteral("text")},
-    };
-    const QVariantMap merged = HXDictionaryByMerging(receiver, incoming, false);
-    QCOMPARE(merged.value(QStringLiteral("a")).toInt(), 1);
-    QCOMPARE(merged.value(QStringLiteral("b")).toInt(), 2);
-    QCOMPARE(merged.value(QStringLiteral("nested")).toMap(),
-             (QVariantMap{
-                 {QStringLiteral("x"), 1}, {QStringLiteral("y"), 20}, {QStringLiteral("z"), 30}}));
-    QCOMPARE(merged.value(QStringLiteral("replaced")).toString(), QStringLiteral("text"));
-    // The receiver itself is untouched.
-    QCOMPARE(receiver.value(QStringLiteral("nested")).toMap().size(), 2);
+void tst_HXCollections::merging_data() {
+    QTest::addColumn<QVariantMap>("incoming");
+    QTest::addColumn<bool>("existingKeysOnly");
+    QTest::addColumn<QVariantMap>("expected");
+
+    // Each is merged into {a = 1; nested = {x = 1; y = 2}; replaced = {x = 1}}. A dictionary
+    // meeting a non-dictionary gives way to the incoming value whole.
+    const QVariantMap incoming{{u"b"_s, 2},
+                               {u"nested"_s, QVariantMap{{u"y"_s, 20}, {u"z"_s, 30}}},
+                               {u"replaced"_s, u"text"_s}};
+    QTest::newRow("all keys") << incoming << false
+                              << QVariantMap{{u"a"_s, 1},
+                                             {u"b"_s, 2},
+                                             {u"nested"_s,
+                                              QVariantMap{{u"x"_s, 1}, {u"y"_s, 20}, {u"z"_s, 30}}},
+                                             {u"replaced"_s, u"text"_s}};
+    QTest::newRow("existing keys only, at every depth")
+        << incoming << true
+        << QVariantMap{{u"a"_s, 1},
+                       {u"nested"_s, QVariantMap{{u"x"_s, 1}, {u"y"_s, 20}}},
+                       {u"replaced"_s, u"text"_s}};
+    QTest::newRow("a hash read from elsewhere is a dictionary too")
+        << QVariantMap{{u"nested"_s, QVariantHash{{u"y"_s, 20}}}} << false
+        << QVariantMap{{u"a"_s, 1},
+                       {u"nested"_s, QVariantMap{{u"x"_s, 1}, {u"y"_s, 20}}},
+                       {u"replaced"_s, QVariantMap{{u"x"_s, 1}}}};
 }
 
-void tst_HXCollections::mergeExistingKeysOnly() {
-    QVariantMap receiver{
-        {QStringLiteral("a"), 1},
-        {QStringLiteral("nested"), QVariantMap{{QStringLiteral("x"), 1}}},
-    };
-    HXMergeDictionary(receiver,
-                      {{QStringLiteral("a"), 10},
-                       {QStringLiteral("new"), 5},
-                       {QStringLiteral("nested"),
-                        QVariantMap{{QStringLiteral("x"), 2}, {QStringLiteral("deepNew"), 3}}}},
-                      true);
-    QCOMPARE(receiver,
-             (QVariantMap{{QStringLiteral("a"), 10},
-                          {QStringLiteral("nested"), QVariantMap{{QStringLiteral("x"), 2}}}}));
+void tst_HXCollections::merging() {
+    QFETCH(QVariantMap, incoming);
+    QFETCH(bool, existingKeysOnly);
+    QFETCH(QVariantMap, expected);
+    const QVariantMap receiver{{u"a"_s, 1},
+                               {u"nested"_s, QVariantMap{{u"x"_s, 1}, {u"y"_s, 2}}},
+                               {u"replaced"_s, QVariantMap{{u"x"_s, 1}}}};
+    QCOMPARE(HXDictionaryByMerging(receiver, incoming, existingKeysOnly), expected);
 }
 
 void tst_HXCollections::restorableStates() {
-    HXRestorableDictionary dictionary(QVariantList{1, 2},
-                                      QStringList{QStringLiteral("a"), QStringLiteral("b")});
-    QCOMPARE(dictionary.count(), 2);
+    HXRestorableDictionary dictionary(QVariantList{1, 2}, QStringList{u"a"_s, u"b"_s});
     dictionary.saveCurrentState();
-    dictionary.setObject(10, QStringLiteral("a"));
+    dictionary.setObject(10, u"a"_s);
     dictionary.saveCurrentState();
-    dictionary.removeObjectForKey(QStringLiteral("b"));
-    dictionary.setObject(3, QStringLiteral("c"));
-    QCOMPARE(dictionary.keys(), (QStringList{QStringLiteral("a"), QStringLiteral("c")}));
+    dictionary.removeObjectForKey(u"b"_s);
+    dictionary.setObject(3, u"c"_s);
+    QCOMPARE(dictionary.keys(), (QStringList{u"a"_s, u"c"_s}));
+
+    // A copy carries copies of every state: using up its saved states leaves the source's alone.
+    HXRestorableDictionary copy = dictionary;
+    copy.restoreLastState();
+    copy.restoreLastState();
+    QCOMPARE(dictionary.keys(), (QStringList{u"a"_s, u"c"_s}));
 
     dictionary.restoreLastState();
-    QCOMPARE(dictionary.currentState(),
-             (QVariantMap{{QStringLiteral("a"), 10}, {QStringLiteral("b"), 2}}));
+    QCOMPARE(dictionary.currentState(), (QVariantMap{{u"a"_s, 10}, {u"b"_s, 2}}));
     dictionary.restoreLastState();
-    QCOMPARE(dictionary.currentState(),
-             (QVariantMap{{QStringLiteral("a"), 1}, {QStringLiteral("b"), 2}}));
-    try {
-        dictionary.restoreLastState();
-        QFAIL("a third restore must fail");
-    } catch (const HXAssertionFailure &failure) {
-        QCOMPARE(failure.text(), QStringLiteral("Restoring more states than saved."));
-    }
+    QCOMPARE(dictionary.currentState(), (QVariantMap{{u"a"_s, 1}, {u"b"_s, 2}}));
+    QCOMPARE(copy.currentState(), dictionary.currentState());
+    QCOMPARE(HXTestSupport::assertionText([&] { dictionary.restoreLastState(); }),
+             u"Restoring more states than saved."_s);
     QVERIFY_THROWS_EXCEPTION(HXAssertionFailure,
                              HXRestorableDictionary(QVariantList{1}, QStringList{}));
 }
 
-void tst_HXCollections::restorableCopiesAreIndependent() {
-    HXRestorableDictionary source(QVariantMap{{QStringLiteral("a"), 1}});
-    source.saveCurrentState();
-    source.setObject(2, QStringLiteral("a"));
-    HXRestorableDictionary copy = source;
-    copy.restoreLastState();
-    QCOMPARE(copy.objectForKey(QStringLiteral("a")).toInt(), 1);
-    QCOMPARE(source.objectForKey(QStringLiteral("a")).toInt(), 2);
-    QCOMPARE(source.savedStates().size(), 1);
-    source.restoreLastState();
-    QCOMPARE(source.objectForKey(QStringLiteral("a")).toInt(), 1);
-}
-
 void tst_HXCollections::keyPathReads() {
-    HXUserDefaults defaults(HXTestSupport::homeFolder().filePath(QStringLiteral("reads.ini")));
-    defaults.setObject(
-        QVariantMap{{QStringLiteral("number"), 5},
-                    {QStringLiteral("inner"), QVariantMap{{QStringLiteral("flag"), true}}},
-                    {QStringLiteral("zero"), 0},
-                    {QStringLiteral("text"), QStringLiteral("yes")}},
-        QStringLiteral("section"));
-    QCOMPARE(defaults.objectForKeyPath(QStringLiteral("section.number")).toInt(), 5);
-    QVERIFY(defaults.boolForKeyPath(QStringLiteral("section.inner.flag")));
+    HXUserDefaults defaults(HXTestSupport::homeFolder().filePath(u"reads.ini"_s));
+    defaults.setObject(QVariantMap{{u"number"_s, 5},
+                                   {u"inner"_s, QVariantMap{{u"flag"_s, true}}},
+                                   {u"zero"_s, 0},
+                                   {u"text"_s, u"yes"_s}},
+                       u"section"_s);
+    QCOMPARE(defaults.objectForKeyPath(u"section.number"_s).toInt(), 5);
+    QVERIFY(defaults.boolForKeyPath(u"section.inner.flag"_s));
     // The second component holds a number, so a third can't be walked.
-    QVERIFY(!defaults.objectForKeyPath(QStringLiteral("section.number.deeper")).isValid());
-    QVERIFY(!defaults.objectForKeyPath(QStringLiteral("missing.path")).isValid());
+    QVERIFY(!defaults.objectForKeyPath(u"section.number.deeper"_s).isValid());
+    QVERIFY(!defaults.objectForKeyPath(u"missing.path"_s).isValid());
     // Only numbers are Booleans.
-    QVERIFY(defaults.boolForKeyPath(QStringLiteral("section.number")));
-    QVERIFY(!defaults.boolForKeyPath(QStringLiteral("section.zero")));
-    QVERIFY(!defaults.boolForKeyPath(QStringLiteral("section.text")));
-    QVERIFY(!defaults.boolForKeyPath(QStringLiteral("section.inner")));
+    QVERIFY(defaults.boolForKeyPath(u"section.number"_s));
+    QVERIFY(!defaults.boolForKeyPath(u"section.zero"_s));
+    QVERIFY(!defaults.boolForKeyPath(u"section.text"_s));
+    QVERIFY(!defaults.boolForKeyPath(u"section.inner"_s));
     QVERIFY_THROWS_EXCEPTION(HXAssertionFailure, defaults.objectForKeyPath(QString()));
 }
 
 void tst_HXCollections::keyPathWrites() {
-    HXUserDefaults defaults(HXTestSupport::homeFolder().filePath(QStringLiteral("writes.ini")));
-    defaults.setObject(QVariantMap{{QStringLiteral("keep"), 1}, {QStringLiteral("blocker"), 7}},
-                       QStringLiteral("printing"));
-    const QVariantMap before = defaults.objectForKey(QStringLiteral("printing")).toMap();
+    HXUserDefaults defaults(HXTestSupport::homeFolder().filePath(u"writes.ini"_s));
+    defaults.setObject(QVariantMap{{u"keep"_s, 1}, {u"blocker"_s, 7}}, u"printing"_s);
+    defaults.setObjectForKeyPath(u"Classic"_s, u"printing.usedTheme"_s);
+    defaults.setBoolForKeyPath(true, u"printing.blocker.deep"_s);
+    defaults.setObjectForKeyPath(3, u"fresh.a.b"_s);
 
-    defaults.setObjectForKeyPath(QStringLiteral("Classic"), QStringLiteral("printing.usedTheme"));
-    defaults.setBoolForKeyPath(true, QStringLiteral("printing.blocker.deep"));
-    defaults.setObjectForKeyPath(3, QStringLiteral("fresh.a.b"));
-
-    QCOMPARE(defaults.objectForKeyPath(QStringLiteral("printing.keep")).toInt(), 1);
-    QCOMPARE(defaults.objectForKeyPath(QStringLiteral("printing.usedTheme")).toString(),
-             QStringLiteral("Classic"));
+    QCOMPARE(defaults.objectForKeyPath(u"printing.keep"_s).toInt(), 1);
+    QCOMPARE(defaults.objectForKeyPath(u"printing.usedTheme"_s).toString(), u"Classic"_s);
     // A value on the way that is no dictionary gives way to one.
-    QVERIFY(defaults.boolForKeyPath(QStringLiteral("printing.blocker.deep")));
-    QCOMPARE(defaults.objectForKeyPath(QStringLiteral("fresh.a.b")).toInt(), 3);
-    // What was read before is a value of its own and did not change.
-    QCOMPARE(before.size(), 2);
-    QCOMPARE(before.value(QStringLiteral("blocker")).toInt(), 7);
-
-    // A top-level value through a path of one component.
-    defaults.setBoolForKeyPath(false, QStringLiteral("sections"));
-    QVERIFY(!defaults.boolForKeyPath(QStringLiteral("sections")));
-    defaults.setObjectForKeyPath(1, QStringLiteral("firstLaunchSetupVersion"));
-    QCOMPARE(defaults.integerForKey(QStringLiteral("firstLaunchSetupVersion")), 1);
-    QVERIFY(defaults.boolForKey(QStringLiteral("firstLaunchSetupVersion")));
+    QVERIFY(defaults.boolForKeyPath(u"printing.blocker.deep"_s));
+    QCOMPARE(defaults.objectForKeyPath(u"fresh.a.b"_s).toInt(), 3);
+    // A path of one component is a top-level key.
+    defaults.setObjectForKeyPath(1, u"firstLaunchSetupVersion"_s);
+    QCOMPARE(defaults.integerForKey(u"firstLaunchSetupVersion"_s), 1);
 }
 
 void tst_HXCollections::keyPathRemoval() {
-    HXUserDefaults defaults(HXTestSupport::homeFolder().filePath(QStringLiteral("remove.ini")));
-    defaults.setObjectForKeyPath(1, QStringLiteral("a.b.c"));
-    defaults.setObjectForKeyPath(2, QStringLiteral("a.b.d"));
-    defaults.removeObjectForKeyPath(QStringLiteral("a.b.c"));
-    QVERIFY(!defaults.objectForKeyPath(QStringLiteral("a.b.c")).isValid());
-    QCOMPARE(defaults.objectForKeyPath(QStringLiteral("a.b.d")).toInt(), 2);
+    HXUserDefaults defaults(HXTestSupport::homeFolder().filePath(u"remove.ini"_s));
+    defaults.setObjectForKeyPath(1, u"a.b.c"_s);
+    defaults.setObjectForKeyPath(2, u"a.b.d"_s);
+    defaults.removeObjectForKeyPath(u"a.b.c"_s);
+    QVERIFY(!defaults.objectForKeyPath(u"a.b.c"_s).isValid());
+    QCOMPARE(defaults.objectForKeyPath(u"a.b.d"_s).toInt(), 2);
 
     // A missing parent: nothing happens, and nothing is created.
-    defaults.removeObjectForKeyPath(QStringLiteral("nothing.here.at.all"));
-    QVERIFY(!defaults.objectForKey(QStringLiteral("nothing")).isValid());
+    defaults.removeObjectForKeyPath(u"nothing.here.at.all"_s);
+    QVERIFY(!defaults.objectForKey(u"nothing"_s).isValid());
 
-    defaults.removeObjectForKeyPath(QStringLiteral("a"));
-    QVERIFY(!defaults.objectForKey(QStringLiteral("a")).isValid());
+    defaults.removeObjectForKeyPath(u"a"_s);
+    QVERIFY(!defaults.objectForKey(u"a"_s).isValid());
 }
 
 void tst_HXCollections::userDefaultsPersist() {
-    const QString path = HXTestSupport::homeFolder().filePath(QStringLiteral("persist.ini"));
+    const QString path = HXTestSupport::homeFolder().filePath(u"persist.ini"_s);
     {
         HXUserDefaults defaults(path);
-        defaults.setObjectForKeyPath(QVariantList{QStringLiteral("a"), 2},
-                                     QStringLiteral("styleEditing.editedStylePaths"));
-        defaults.setBoolForKeyPath(true, QStringLiteral("printing.showPageNumbers"));
+        defaults.setObjectForKeyPath(QVariantList{u"a"_s, 2}, u"styleEditing.editedStylePaths"_s);
+        defaults.setBoolForKeyPath(true, u"printing.showPageNumbers"_s);
         QVERIFY(defaults.synchronize());
     }
     HXUserDefaults again(path);
-    QCOMPARE(again.objectForKeyPath(QStringLiteral("styleEditing.editedStylePaths")).toList(),
-             (QVariantList{QStringLiteral("a"), 2}));
-    QVERIFY(again.boolForKeyPath(QStringLiteral("printing.showPageNumbers")));
+    QCOMPARE(again.objectForKeyPath(u"styleEditing.editedStylePaths"_s).toList(),
+             (QVariantList{u"a"_s, 2}));
+    QVERIFY(again.boolForKeyPath(u"printing.showPageNumbers"_s));
 
     // The standard defaults live in the test's own configuration folder.
     QVERIFY(HXUserDefaults::standardUserDefaults().fileName().startsWith(

