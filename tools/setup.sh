@@ -15,6 +15,12 @@ packages=(
     libbenchmark-dev
 )
 
+# The real-text benchmark reads the Node.js API documentation in Markdown. A Node.js installed
+# from elsewhere may bring it already, and its package would have to give way to Debian's.
+if [[ $with_tests == ON ]] && ! compgen -G '/usr/share/doc/nodejs/api/*.md*' >/dev/null; then
+    packages+=(nodejs-doc)
+fi
+
 missing=()
 for package in "${packages[@]}"; do
     status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
