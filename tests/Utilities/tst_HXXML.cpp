@@ -1,9 +1,13 @@
-// The XML element tree and the reader that hands a document to the objects taking its elements.
+// The XML element tree, the streaming writer that writes the same bytes, and the reader that
+// hands a document to the objects taking its elements.
 
 #include "HXTestSupport.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXXMLElement.h"
 #include "Utilities/HXXMLReader.h"
+#include "Utilities/HXXMLWriter.h"
+
+#include <QRandomGenerator>
 
 #include <optional>
 #include <stdexcept>
@@ -98,6 +102,7 @@ class tst_HXXML : public QObject {
 private Q_SLOTS:
     void editingTheTree();
     void exactDocumentBytes();
+    void streamingWriterWritesWhatTheTreeWrites();
     void writeAndReadBack();
     void forbiddenCharacters();
     void callOrder();
@@ -153,6 +158,60 @@ void tst_HXXML::exactDocumentBytes() {
     QCOMPARE(document.xmlDocumentData(),
              QByteArray("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<doc lang=\"fr\">\n\t"
                         "<item name=\"\xC3\xA9t\xC3\xA9\"/>\n<empty/></doc>\n"));
+}
+
+// The streaming writer against the tree: random names, attributes, texts and nesting, with
+// every kind of character, give the same bytes.
+void tst_HXXML::streamingWriterWritesWhatTheTreeWrites() {
+    QRandomGenerator random(3);
+    const QList<char16_t> units{u'a',   u' ',   u'&',   u'<',   u'>',  u'"', u'\'',
+                                u'\t',  u'\n',  u'\r',  0x01,   0x1f,  0x7f, 0xe9,
+                                0x2028, 0xd83d, 0xde00, 0xfffe, 0xfffc};
+    auto text = [&] {
+        QString result;
+        for (int i = int(random.bounded(8)); i > 0; --i)
+            result += QChar(units.at(qsizetype(random.bounded(quint32(units.size())))));
+        return result;
+    };
+    static const char *names[] = {"a", "bb", "p", "element"};
+    for (int round = 0; round < 300; ++round) {
+        HXXMLWriter writer;
+        writer.writeDeclaration();
+        std::vector<HXXMLElement> open{HXXMLElement(u"root"_s)};
+        writer.startElement(QLatin1StringView("root"));
+        for (int step = 0; step < 12; ++step) {
+            const quint32 action = random.bounded(4);
+            if (action == 0) {
+                const char *name = names[random.bounded(4)];
+                open.emplace_back(QString::fromLatin1(name));
+                writer.startElement(QLatin1StringView(name));
+                for (int i = int(random.bounded(3)); i > 0; --i) {
+                    const QString value = text();
+                    const char *attribute = names[i];
+                    open.back().setAttribute(QString::fromLatin1(attribute), value);
+                    writer.writeAttribute(QLatin1StringView(attribute), value);
+                }
+            } else if (action == 1 && open.size() > 1) {
+                HXXMLElement done = open.back();
+                open.pop_back();
+                open.back().addChild(done);
+                writer.endElement();
+            } else {
+                const QString value = text();
+                open.back().addText(value);
+                writer.writeText(value);
+            }
+        }
+        while (open.size() > 1) {
+            HXXMLElement done = open.back();
+            open.pop_back();
+            open.back().addChild(done);
+            writer.endElement();
+        }
+        writer.endElement();
+        writer.writeText(u"\n");
+        QCOMPARE(writer.bytes(), open.back().xmlDocumentData());
+    }
 }
 
 void tst_HXXML::writeAndReadBack() {

@@ -9,41 +9,39 @@
 #include "Utilities/HXLineEnds.h"
 #include "Utilities/HXStringFormat.h"
 #include "Utilities/HXXMLReader.h"
+#include "Utilities/HXXMLWriter.h"
 
 namespace {
 
 // --- Writing --------------------------------------------------------------------------------
 
-// Writes the parts of a string as elements; the first problem, a file with nowhere to go, is
-// kept and fails the whole write.
+// Writes the parts of a string as it goes; the first problem, a file with nowhere to go, is kept
+// and fails the whole write.
 class Writer {
 public:
-    explicit Writer(HXXMLReaderContext *context)
-        : m_context(context) {}
+    Writer(HXXMLWriter &xml, HXXMLReaderContext *context)
+        : m_xml(xml)
+        , m_context(context) {}
 
     const HXError &failure() const { return m_failure; }
 
     // A string, under its read lock when it has one.
-    HXXMLElement string(const HXString &string) {
-        HXXMLElement xml(QStringLiteral("string"));
+    void string(const HXString &string) {
         if (const auto lock = string.lockingContext().lock())
-            lock->read([&] { xml = unlockedString(string); });
+            lock->read([&] { unlockedString(string); });
         else
-            xml = unlockedString(string);
-        return xml;
+            unlockedString(string);
     }
 
-    QList<HXXMLElement> attributes(const HXAttributeDictionary &attributes) {
-        QList<HXXMLElement> elements;
+    void attributes(const HXAttributeDictionary &attributes) {
         for (const HXTagAttributeRef &attribute : attributes.definition()->attributes()) {
             const QString &identifier = attribute->identifier();
-            HXXMLElement value(QStringLiteral("attribute"));
-            value.setAttribute(QStringLiteral("identifier"), identifier);
             if (attribute->kind() == HXTagAttributeKindNestedString) {
                 const auto nested = attributes.existingNestedStringForKey(identifier);
                 if (!nested)
                     continue;
-                value.addChild(string(*nested));
+                startAttribute(identifier);
+                string(*nested);
             } else if (attribute->isFile()) {
                 const auto file = attributes.fileWrapperForKey(identifier);
                 if (!file)
@@ -58,7 +56,8 @@ public:
                                                         identifier));
                     continue;
                 }
-                value.addText(handle);
+                startAttribute(identifier);
+                m_xml.writeText(handle);
             } else {
                 const QVariant stored = attributes.objectForKey(identifier);
                 if (!stored.isValid())
@@ -66,11 +65,11 @@ public:
                 HX_ASSERT(attribute->kind() == HXTagAttributeKindString ||
                               attribute->kind() == HXTagAttributeKindURL,
                           u"No support for storing values of attribute %@.", identifier);
-                value.addText(HXXMLStringByRemovingForbiddenCharacters(stored.toString()));
+                startAttribute(identifier);
+                m_xml.writeText(stored.toString());
             }
-            elements.append(value);
+            m_xml.endElement();
         }
-        return elements;
     }
 
 private:
@@ -80,87 +79,102 @@ private:
                                                  reason, reason);
     }
 
-    HXXMLElement unlockedString(const HXString &string) {
-        HXXMLElement xml(QStringLiteral("string"));
-        xml.setAttribute(QStringLiteral("xml:space"), QStringLiteral("preserve"));
-        xml.addText(QStringLiteral("\n"));
-        const QList<HXParagraphRef> paragraphs = string.paragraphs();
-        for (const HXParagraphRef &paragraph : paragraphs) {
-            xml.addChild(this->paragraph(*paragraph));
-            xml.addText(QStringLiteral("\n"));
-        }
-        if (!paragraphs.isEmpty() && paragraphs.last()->endsInLineFeed()) {
-            xml.addChild(HXXMLElement(QStringLiteral("p")));
-            xml.addText(QStringLiteral("\n"));
-        }
-        return xml;
+    void startAttribute(const QString &identifier) {
+        m_xml.startElement(QLatin1StringView("attribute"));
+        m_xml.writeAttribute(QLatin1StringView("identifier"), identifier);
     }
 
-    HXXMLElement element(const HXTextElement &element) {
-        HXXMLElement xml(QStringLiteral("element"));
+    void unlockedString(const HXString &string) {
+        m_xml.startElement(QLatin1StringView("string"));
+        m_xml.writeAttribute(QLatin1StringView("xml:space"), u"preserve");
+        m_xml.writeText(u"\n");
+        bool endsInLineFeed = false;
+        string.enumerateChunksInRange(HXRange{0, string.HXChunkString::length()}, 0,
+                                      [&](const HXChunk &chunk, HXRange, bool &) {
+                                          const auto *paragraph = chunk.as<HXParagraph>();
+                                          this->paragraph(*paragraph);
+                                          m_xml.writeText(u"\n");
+                                          endsInLineFeed = paragraph->endsInLineFeed();
+                                      });
+        if (endsInLineFeed) {
+            m_xml.startElement(QLatin1StringView("p"));
+            m_xml.endElement();
+            m_xml.writeText(u"\n");
+        }
+        m_xml.endElement();
+    }
+
+    void element(const HXTextElement &element) {
+        m_xml.startElement(QLatin1StringView("element"));
         const HXDefinitionRef definition = element.definition();
-        xml.setAttribute(QStringLiteral("kind"), definition ? definition->identifier() : QString());
+        m_xml.writeAttribute(QLatin1StringView("kind"),
+                             definition ? definition->identifier() : QString());
         if (!element.isClosed() && !element.isObject())
-            xml.setAttribute(QStringLiteral("closed"), QStringLiteral("no"));
+            m_xml.writeAttribute(QLatin1StringView("closed"), u"no");
         const HXTextTagRef &tag = element.tag();
         if (tag && !element.isEntity() && element.headAtom())
-            xml.setAttribute(QStringLiteral("startTag"),
-                             element.headAtom()->stringRepresentation());
+            m_xml.writeAttribute(QLatin1StringView("startTag"),
+                                 element.headAtom()->stringRepresentation());
         if (tag && element.isClosed() && !element.isEntity() && !element.isObject() &&
             !tag->patternIsSimple(1) && element.tailAtom())
-            xml.setAttribute(QStringLiteral("endTag"), element.tailAtom()->stringRepresentation());
-        if (const auto &attributes = element.attributes()) {
-            for (const HXXMLElement &attribute : this->attributes(*attributes))
-                xml.addChild(attribute);
-        }
-        chunks(element.innerChunks(), xml);
-        return xml;
+            m_xml.writeAttribute(QLatin1StringView("endTag"),
+                                 element.tailAtom()->stringRepresentation());
+        if (const auto &attributes = element.attributes())
+            this->attributes(*attributes);
+        chunks(element);
+        m_xml.endElement();
     }
 
-    void chunks(const QList<HXChunk> &chunks, HXXMLElement &parent) {
-        for (const HXChunk &chunk : chunks) {
+    // The inner chunks of a node: elements, escapes, and plain text without its line feeds.
+    void chunks(const HXChunkString &node) {
+        const HXRange inner = node.innerChunkRange();
+        node.enumerateChunksInRange(inner, 0, [&](const HXChunk &chunk, HXRange, bool &) {
             if (const auto *element = chunk.as<HXTextElement>()) {
-                parent.addChild(this->element(*element));
+                this->element(*element);
             } else if (const auto *escape = chunk.as<HXEscapeAtom>()) {
-                HXXMLElement xml(QStringLiteral("escape"));
-                xml.addText(escape->string());
-                parent.addChild(xml);
+                m_xml.startElement(QLatin1StringView("escape"));
+                m_xml.writeText(escape->string());
+                m_xml.endElement();
             } else {
-                QString text = HXXMLStringByRemovingForbiddenCharacters(chunk.string());
-                text.remove(QLatin1Char('\n'));
-                if (!text.isEmpty())
-                    parent.addText(text);
+                const QString text = chunk.string();
+                QStringView rest(text);
+                for (qsizetype lineFeed; (lineFeed = rest.indexOf(u'\n')) >= 0;) {
+                    m_xml.writeText(rest.first(lineFeed));
+                    rest = rest.sliced(lineFeed + 1);
+                }
+                m_xml.writeText(rest);
             }
-        }
+        });
     }
 
-    HXXMLElement paragraph(const HXParagraph &paragraph) {
-        HXXMLElement xml(QStringLiteral("p"));
-        chunks(paragraph.children(), xml);
-        QList<HXTextTagRef> prefix = paragraph.groupings();
-        if (paragraph.tag())
-            prefix.append(paragraph.tag());
-        QList<HXTextAtomRef> atoms = paragraph.groupTagStrings();
-        if (paragraph.tagString())
-            atoms.append(paragraph.tagString());
-        if (!prefix.isEmpty() && atoms.size() == prefix.size()) {
-            HXXMLElement tags(QStringLiteral("tags"));
-            for (qsizetype i = 0; i < prefix.size(); ++i) {
-                HXXMLElement tag(QStringLiteral("tag"));
-                if (prefix.at(i))
-                    tag.setAttribute(QStringLiteral("kind"),
-                                     prefix.at(i)->definition()->identifier());
-                tag.addText(
-                    HXXMLStringByRemovingForbiddenCharacters(atoms.at(i)->stringRepresentation()));
-                tags.addChild(tag);
-            }
-            xml.insertChild(0, tags);
+    void paragraph(const HXParagraph &paragraph) {
+        m_xml.startElement(QLatin1StringView("p"));
+        if (paragraph.bookmark()) {
+            m_xml.startElement(QLatin1StringView("bookmark"));
+            m_xml.endElement();
         }
-        if (paragraph.bookmark())
-            xml.insertChild(0, HXXMLElement(QStringLiteral("bookmark")));
-        return xml;
+        const QList<HXTextTagRef> &groupings = paragraph.groupings();
+        const qsizetype prefix = groupings.size() + (paragraph.tag() ? 1 : 0);
+        const QList<HXTextAtomRef> atoms =
+            prefix > 0 ? paragraph.prefixAtoms() : QList<HXTextAtomRef>();
+        if (prefix > 0 && atoms.size() == prefix) {
+            m_xml.startElement(QLatin1StringView("tags"));
+            for (qsizetype i = 0; i < prefix; ++i) {
+                const HXTextTagRef &tag = i < groupings.size() ? groupings.at(i) : paragraph.tag();
+                m_xml.startElement(QLatin1StringView("tag"));
+                if (tag)
+                    m_xml.writeAttribute(QLatin1StringView("kind"),
+                                         tag->definition()->identifier());
+                m_xml.writeText(atoms.at(i)->stringRepresentation());
+                m_xml.endElement();
+            }
+            m_xml.endElement();
+        }
+        chunks(paragraph);
+        m_xml.endElement();
     }
 
+    HXXMLWriter &m_xml;
     HXXMLReaderContext *m_context;
     HXError m_failure;
 };
@@ -569,29 +583,26 @@ private:
 
 } // namespace
 
-std::optional<QList<HXXMLElement>>
-HXStringXML::attributeElements(const HXAttributeDictionary &attributes, HXXMLReaderContext *context,
-                               HXError *error) {
-    Writer writer(context);
-    const QList<HXXMLElement> elements = writer.attributes(attributes);
-    if (!writer.failure().isNull()) {
-        HXSetError(error, writer.failure());
-        return std::nullopt;
-    }
-    return elements;
+bool HXStringXML::writeAttributes(const HXAttributeDictionary &attributes, HXXMLWriter &writer,
+                                  HXXMLReaderContext *context, HXError *error) {
+    Writer strings(writer, context);
+    strings.attributes(attributes);
+    HXSetError(error, strings.failure());
+    return strings.failure().isNull();
 }
 
 QByteArray HXStringXML::attributesPasteboardPropertyList(const HXAttributeDictionary &attributes,
                                                          const QString &type, HXError *error) {
     HX_ASSERT(type == attributesPasteboardType, u"Invalid pasteboard type passed");
-    const auto elements = attributeElements(attributes, nullptr, error);
-    if (!elements)
+    HXXMLWriter writer;
+    writer.writeDeclaration();
+    writer.startElement(QLatin1StringView("attributes"));
+    writer.writeAttribute(QLatin1StringView("kind"), attributes.definition()->identifier());
+    if (!writeAttributes(attributes, writer, nullptr, error))
         return QByteArray();
-    HXXMLElement xml(QStringLiteral("attributes"));
-    xml.setAttribute(QStringLiteral("kind"), attributes.definition()->identifier());
-    for (const HXXMLElement &attribute : *elements)
-        xml.addChild(attribute);
-    return xml.xmlDocumentData();
+    writer.endElement();
+    writer.writeText(u"\n");
+    return writer.takeBytes();
 }
 
 HXAttributeDictionaryRef
@@ -605,21 +616,23 @@ HXStringXML::attributesWithPasteboardPropertyList(const QByteArray &data, const 
     return reader.attributes;
 }
 
-std::optional<HXXMLElement> HXStringXML::XMLElement(const HXString &string,
-                                                    HXXMLReaderContext *context, HXError *error) {
-    Writer writer(context);
-    HXXMLElement xml = writer.string(string);
-    if (!writer.failure().isNull()) {
-        HXSetError(error, writer.failure());
-        return std::nullopt;
-    }
-    return xml;
+bool HXStringXML::writeXML(const HXString &string, HXXMLWriter &writer, HXXMLReaderContext *context,
+                           HXError *error) {
+    Writer strings(writer, context);
+    strings.string(string);
+    HXSetError(error, strings.failure());
+    return strings.failure().isNull();
 }
 
 QByteArray HXStringXML::XMLData(const HXString &string, HXXMLReaderContext *context,
                                 HXError *error) {
-    const auto xml = XMLElement(string, context, error);
-    return xml ? xml->xmlDocumentData() : QByteArray();
+    HXXMLWriter writer;
+    writer.reserve(qsizetype(string.length() * 2));
+    writer.writeDeclaration();
+    if (!writeXML(string, writer, context, error))
+        return QByteArray();
+    writer.writeText(u"\n");
+    return writer.takeBytes();
 }
 
 std::shared_ptr<HXMutableString>

@@ -2,18 +2,17 @@
 
 #include "Text/Markup/HXDefinition.h"
 #include "Utilities/HXError.h"
-#include "Utilities/HXXMLElement.h"
 
 #include <QByteArray>
 
 #include <memory>
-#include <optional>
 
 class HXAttributeDictionary;
 class HXXMLReaderContext;
 class HXMarkup;
 class HXMutableString;
 class HXString;
+class HXXMLWriter;
 
 // The stored and exchanged form of a string: a `string` element of `p` elements, each with its
 // bookmark, the texts of its prefix tags, its plain runs, elements with their attributes, and
@@ -28,12 +27,12 @@ public:
     static inline const QString attributesPasteboardType =
         QStringLiteral("com.quaytor.velmora3.attributes");
 
-    // Written under the string's read lock, when it has one. Files of attributes are kept by the
-    // context and written as its handles; a file with no context to keep it, or one the context
-    // can't keep, fails the write with an error rather than leave the file out.
-    static std::optional<HXXMLElement> XMLElement(const HXString &string,
-                                                  HXXMLReaderContext *context = nullptr,
-                                                  HXError *error = nullptr);
+    // Writes the `string` element, under the string's read lock when it has one. Files of
+    // attributes are kept by the context and written as its handles; a file with no context to
+    // keep it, or one the context can't keep, fails the write with an error rather than leave
+    // the file out.
+    static bool writeXML(const HXString &string, HXXMLWriter &writer,
+                         HXXMLReaderContext *context = nullptr, HXError *error = nullptr);
     // A whole document: the declaration and the `string` element; empty when writing fails.
     static QByteArray XMLData(const HXString &string, HXXMLReaderContext *context = nullptr,
                               HXError *error = nullptr);
@@ -52,11 +51,10 @@ public:
     stringWithPasteboardPropertyList(const QByteArray &data, const QString &type,
                                      const std::shared_ptr<HXMarkup> &markup, HXError *error);
 
-    // The `attribute` elements of an element's values, in the definition's order; nothing when a
+    // The `attribute` elements of an element's values, in the definition's order; false when a
     // file can't be kept.
-    static std::optional<QList<HXXMLElement>>
-    attributeElements(const HXAttributeDictionary &attributes,
-                      HXXMLReaderContext *context = nullptr, HXError *error = nullptr);
+    static bool writeAttributes(const HXAttributeDictionary &attributes, HXXMLWriter &writer,
+                                HXXMLReaderContext *context = nullptr, HXError *error = nullptr);
     // The standalone form of an entity's attributes, under an `attributes` root that names the
     // definition; it carries them on the pasteboard. Empty, with the error, when it holds files.
     static QByteArray attributesPasteboardPropertyList(const HXAttributeDictionary &attributes,

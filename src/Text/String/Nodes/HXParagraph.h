@@ -70,6 +70,8 @@ public:
     // The atoms of the prefix.
     HXTextAtomRef tagString() const;
     QList<HXTextAtomRef> groupTagStrings() const;
+    // The atoms of the whole prefix as they stand: the groupings' and then the tag's.
+    QList<HXTextAtomRef> prefixAtoms() const;
     // Whether the tag or the innermost grouping forbids parsing inside.
     bool noParsingInside() const;
     // The inner chunks.
@@ -108,8 +110,6 @@ protected:
 private:
     // The head chunk as it stands in the map, or nothing when an edit has cut into it.
     const HXChunkString *headStringInPlace() const;
-    // The atoms of the prefix as they stand.
-    QList<HXTextAtomRef> prefixAtoms() const;
 
     HXDefinitionSelector m_recognizedDefinitions = HXDefaultDefinitionSelector;
     QList<HXTextTagRef> m_groupings;

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QByteArray>
+#include <QLatin1StringView>
+#include <QStringView>
+
+#include <vector>
+
+// Writes an XML document as UTF-8 bytes as it goes, without building a tree first: the form that
+// long documents, a sheet's text above all, are written in. Its output is the same, byte for
+// byte, as HXXMLElement's for the same elements: characters XML forbids are left out, markup
+// characters and carriage returns are escaped in text, and tab and line feed in attribute
+// values too; an element with no content ends in "/>". Element and attribute names are ASCII.
+// A plain value; one writer builds one document on one thread.
+class HXXMLWriter {
+public:
+    // The declaration and the line feed behind it.
+    void writeDeclaration();
+    void startElement(QLatin1StringView name);
+    // An attribute of the element just started, before any content.
+    void writeAttribute(QLatin1StringView name, QStringView value);
+    void writeText(QStringView text);
+    void endElement();
+    // The bytes so far; a complete document once every element has ended.
+    const QByteArray &bytes() const { return m_bytes; }
+    QByteArray takeBytes() { return std::move(m_bytes); }
+    void reserve(qsizetype size) { m_bytes.reserve(size); }
+
+private:
+    void closeStartTag();
+    // Appends the text as UTF-8, escaped for text or for an attribute value.
+    void appendEscaped(QStringView text, bool attribute);
+
+    QByteArray m_bytes;
+    std::vector<QLatin1StringView> m_open;
+    bool m_startTagOpen = false;
+};
