@@ -1,6 +1,7 @@
 #include "Text/Markup/HXMarkup.h"
 
 #include "Text/Markup/HXPreferredPatterns.h"
+#include "Text/String/Parser/HXParseTables.h"
 #include "Utilities/HXApplicationLog.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXLocalizedString.h"
@@ -94,6 +95,7 @@ void HXMarkup::sortTags() {
     std::lock_guard lock(m_tagsMutex);
     std::stable_sort(m_allTags.begin(), m_allTags.end(), tagLessThan);
     m_selectedTags.clear();
+    m_parserTables.clear();
 }
 
 void HXMarkup::setAllTags(const QList<HXTextTagRef> &tags) {
@@ -124,6 +126,7 @@ void HXMarkup::setAllTags(const QList<HXTextTagRef> &tags) {
         std::lock_guard lock(m_tagsMutex);
         m_allTags = incoming;
         m_selectedTags.clear();
+        m_parserTables.clear();
     }
     if (changed)
         postStructureNotification();
@@ -139,6 +142,7 @@ void HXMarkup::addTag(const HXTextTagRef &tag) {
         m_allTags.insert(std::upper_bound(m_allTags.begin(), m_allTags.end(), tag, tagLessThan),
                          tag);
         m_selectedTags.clear();
+        m_parserTables.clear();
     }
     observeTag(tag);
     postStructureNotification();
@@ -155,6 +159,7 @@ void HXMarkup::removeTag(const HXTextTagRef &tag) {
             return;
         removed = m_allTags.takeAt(index);
         m_selectedTags.clear();
+        m_parserTables.clear();
     }
     removed->removePatternsObserver(this);
     postStructureNotification();
@@ -189,6 +194,19 @@ QList<HXTextTagRef> HXMarkup::tagsForSelector(HXDefinitionSelector selector) con
     }
     m_selectedTags.insert(selector, result);
     return result;
+}
+
+std::shared_ptr<const HXParseTables> HXMarkup::parserTables(HXDefinitionSelector selector) const {
+    {
+        std::lock_guard lock(m_tagsMutex);
+        const auto known = m_parserTables.constFind(selector);
+        if (known != m_parserTables.constEnd())
+            return *known;
+    }
+    // Made outside the lock, which making them takes; two threads may both make them.
+    auto tables = HXParseTables::make(*this, selector);
+    std::lock_guard lock(m_tagsMutex);
+    return *m_parserTables.insert(selector, std::move(tables));
 }
 
 QList<HXTextTagRef> HXMarkup::allTagsWithIdentifier(const QString &identifier) const {

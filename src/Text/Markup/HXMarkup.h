@@ -15,6 +15,7 @@
 #include <vector>
 
 class HXMarkup;
+class HXParseTables;
 
 // Told when a markup's tags change in a way that strings must reparse for.
 class HXMarkupObserver {
@@ -64,6 +65,8 @@ public:
     QList<HXTextTagRef> tagsForScope(quint64 scope) const;
     QList<HXTextTagRef> tagsForSelector(HXDefinitionSelector selector) const;
     QList<HXTextTagRef> allTagsWithIdentifier(const QString &identifier) const;
+    // What the parser derives from the tags for a selector, kept until the tags change.
+    std::shared_ptr<const HXParseTables> parserTables(HXDefinitionSelector selector) const;
     // The tag of a definition: the only one, or among several the one whose first expression
     // matches the whole string, or the default tag.
     HXTextTagRef tagWithIdentifier(const QString &identifier,
@@ -133,6 +136,7 @@ private:
     mutable std::optional<QHash<QString, HXTextTagRef>> m_defaultTags;
     // The tags of each selector asked for, in order; cleared when the tags change.
     mutable QHash<HXDefinitionSelector, QList<HXTextTagRef>> m_selectedTags;
+    mutable QHash<HXDefinitionSelector, std::shared_ptr<const HXParseTables>> m_parserTables;
     QList<HXTextTagRef> m_readTags;
     std::vector<std::weak_ptr<HXMarkupObserver>> m_observers;
     bool m_isEditing = false;

@@ -6,10 +6,11 @@
 
 #include <QHash>
 #include <QList>
-#include <QSet>
 #include <QString>
 #include <QStringList>
+#include <QVarLengthArray>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -97,51 +98,39 @@ public:
     // The null marker, a null tag, stands for the escape in a list or set of tags: a set with it
     // matches escapes, a forbidden set with it turns them off.
     using TagList = QList<std::shared_ptr<HXTextTag>>;
-    using TagSet = QSet<const HXTextTag *>;
+    // A set of tags as the parse needs it: a few, told apart by identity.
+    class TagSet {
+    public:
+        bool contains(const HXTextTag *tag) const {
+            return std::find(m_tags.cbegin(), m_tags.cend(), tag) != m_tags.cend();
+        }
+        void insert(const HXTextTag *tag) {
+            if (!contains(tag))
+                m_tags.append(tag);
+        }
+
+    private:
+        QVarLengthArray<const HXTextTag *, 40> m_tags;
+    };
     // Elements of the old tree by tag, for the new tree to take up again.
     using ReusableElements = QHash<const HXTextTag *, QList<std::shared_ptr<HXTextElement>>>;
-    // The next match of each tag, by tag.
-    using MatchCache = QHash<const HXTextTag *, HXRange>;
-    // Matching option: the match must start where the range starts.
-    static constexpr quint64 matchingAnchored = 4;
 
     // Parses a paragraph anew after its characters changed, in place: the paragraph keeps its
     // identity, bookmark and place. The outputs are the ranges of changed characters and changed
-    // structure, in the old paragraph; either may be left out.
+    // structure, in the old paragraph; either may be left out, and what nobody asks for is not
+    // worked out.
     static void reparseParagraph(HXParagraph &paragraph, HXRange *changedText = nullptr,
                                  HXRange *changedStructure = nullptr);
-    // Parses the inner text of an intact element anew; its own tag is not matched inside.
-    static void reparseElement(HXTextElement &element, TagSet forbiddenTags);
     // The line-level prefix of a paragraph: groupings outermost first (the null marker for a
     // level of indentation), the paragraph's tag, their texts, and the length they take.
     static void parseGroupings(TagList *groupings, std::shared_ptr<HXTextTag> *tag,
                                QStringList *strings, quint64 *consumedLength,
                                const HXParagraph &paragraph);
-    // The inline parse of a flat string's range, appended to the target.
-    static void reparseString(const HXChunkString &flatString,
-                              const std::shared_ptr<HXMarkup> &markup, const TagSet &forbiddenTags,
-                              HXRange range, ReusableElements &reusableElements,
-                              HXChunkString &target);
-    // Melts a node into a flat string of plain text, keeping only entities whole. The atoms of
-    // melted elements enter them in the reusable elements.
-    static void flattenString(const HXChunkString &node, HXChunkString &flatString,
-                              const TagSet &forbiddenTags, quint64 definitionOptions,
-                              ReusableElements *reusableElements);
-    // The runs of a flat string that aren't elements.
-    static QList<HXRange> textRangesOfString(const HXChunkString &flatString);
-    // The tag whose next match in the range comes first, by the rules of which tag wins, and its
-    // matched range; nothing when no tag matches. Open tags look for their end.
-    static std::optional<std::shared_ptr<HXTextTag>>
-    nextMatchOfTags(const TagList &tags, const QString &text, const QList<HXRange> &textRanges,
-                    quint64 options, HXRange range, const TagList &openTags, MatchCache *cache,
-                    HXRange *matchedRange);
     // The range, in old coordinates, from the first to the last chunk whose structure differs.
     static HXRange compareString(const HXChunkString &oldString, const HXChunkString &newString);
     // The range, in old coordinates, of changed characters, widened to whole composed
     // characters; not-found when either is empty or one is a prefix of the other.
     static HXRange compareFlatString(const QString &oldString, const QString &newString);
-    // A backslash with any one character but a line feed.
-    static const std::shared_ptr<const icu::RegexPattern> &escapeExpression();
 
     // Text that reads as itself under the tags: plain pieces, with an escape in front of each
     // character that would start a tag. Anchored, the text starts a paragraph, so line-level

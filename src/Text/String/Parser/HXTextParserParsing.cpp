@@ -5,107 +5,31 @@
 #include "Text/String/Atoms/HXEscapeAtom.h"
 #include "Text/String/Nodes/HXParagraph.h"
 #include "Text/String/Nodes/HXTextElement.h"
+#include "Text/String/Parser/HXParseTables.h"
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXAssert.h"
 
-#include <unicode/unistr.h>
-#include <unordered_map>
+#include <vector>
 
 namespace {
 
 using TagRef = std::shared_ptr<HXTextTag>;
+using Candidate = HXParseTables::Candidate;
+using Candidates = QVarLengthArray<const Candidate *, 16>;
+using OpenTags = QVarLengthArray<const HXTextTag *, 8>;
+using TextRanges = QVarLengthArray<HXRange, 8>;
 
-// Matchers are costly to make and cheap to point at new text, so each thread keeps one for each
-// expression it has used. The pool holds the expression too, so that its address isn't reused.
-class MatcherPool {
-public:
-    struct Entry {
-        std::shared_ptr<const icu::RegexPattern> expression;
-        std::unique_ptr<icu::RegexMatcher> matcher;
-        quint64 textSerial = 0; // the text the matcher was last pointed at
-    };
-
-    Entry *entry(const std::shared_ptr<const icu::RegexPattern> &expression) {
-        auto found = m_entries.find(expression.get());
-        if (found != m_entries.end())
-            return &found->second;
-        if (m_entries.size() > 512)
-            m_entries.clear();
-        UErrorCode status = U_ZERO_ERROR;
-        std::unique_ptr<icu::RegexMatcher> matcher(expression->matcher(status));
-        if (U_FAILURE(status))
-            return nullptr;
-        return &m_entries.emplace(expression.get(), Entry{expression, std::move(matcher), 0})
-                    .first->second;
-    }
-
-private:
-    std::unordered_map<const icu::RegexPattern *, Entry> m_entries;
+// The next match of each candidate, by its place in the list; a stretch of text is searched for
+// a tag once.
+struct CachedMatch {
+    bool known = false;
+    HXRange range;
 };
+using MatchCache = QVarLengthArray<CachedMatch, 16>;
 
-MatcherPool &matcherPool() {
-    thread_local MatcherPool pool;
-    return pool;
-}
-
-// The text that the matchers of one parse run over, with a number of its own so that a matcher
-// is pointed at it once.
-struct MatchText {
-    explicit MatchText(const QString &string)
-        : text(string)
-        , alias(false, reinterpret_cast<const UChar *>(string.utf16()), int32_t(string.size()))
-        , serial(++lastSerial()) {}
-    static quint64 &lastSerial() {
-        thread_local quint64 serial = 0;
-        return serial;
-    }
-    const QString &text;
-    icu::UnicodeString alias;
-    quint64 serial;
-};
-
-// The first non-empty match of the expression in the range, or not-found.
-HXRange search(const std::shared_ptr<const icu::RegexPattern> &expression, MatchText &text,
-               HXRange range, bool anchored) {
-    MatcherPool::Entry *entry = matcherPool().entry(expression);
-    if (!entry)
-        return HXNotFoundRange();
-    icu::RegexMatcher *matcher = entry->matcher.get();
-    UErrorCode status = U_ZERO_ERROR;
-    if (entry->textSerial != text.serial) {
-        matcher->reset(text.alias);
-        entry->textSerial = text.serial;
-    }
-    matcher->region(int64_t(range.location), int64_t(range.max()), status);
-    if (U_FAILURE(status))
-        return HXNotFoundRange();
-    if (anchored) {
-        if (matcher->lookingAt(status) && U_SUCCESS(status)) {
-            const int32_t start = matcher->start(status), end = matcher->end(status);
-            if (end > start)
-                return HXRange{quint64(start), quint64(end - start)};
-        }
-        return HXNotFoundRange();
-    }
-    while (matcher->find(status) && U_SUCCESS(status)) {
-        const int32_t start = matcher->start(status), end = matcher->end(status);
-        if (end > start)
-            return HXRange{quint64(start), quint64(end - start)};
-    }
-    return HXNotFoundRange();
-}
-
-bool isOpen(const HXTextParser::TagList &openTags, const HXTextTag *tag) {
-    for (const TagRef &open : openTags) {
-        if (open.get() == tag)
-            return true;
-    }
-    return false;
-}
-
-qsizetype indexOfOpen(const HXTextParser::TagList &openTags, const HXTextTag *tag) {
+qsizetype indexOfOpen(const OpenTags &openTags, const HXTextTag *tag) {
     for (qsizetype i = 0; i < openTags.size(); ++i) {
-        if (openTags.at(i).get() == tag)
+        if (openTags.at(i) == tag)
             return i;
     }
     return -1;
@@ -119,174 +43,150 @@ const HXTextTag *lastRealGrouping(const HXTextParser::TagList &groupings) {
     return nullptr;
 }
 
-// The text of a chunk as the flat string takes it.
-QString flatText(const HXChunk &chunk) {
-    return chunk.string();
-}
+// --- The one matcher --------------------------------------------------------------------------
 
-} // namespace
-
-const std::shared_ptr<const icu::RegexPattern> &HXTextParser::escapeExpression() {
-    static const std::shared_ptr<const icu::RegexPattern> expression = [] {
-        UErrorCode status = U_ZERO_ERROR;
-        UParseError error;
-        return std::shared_ptr<const icu::RegexPattern>(
-            icu::RegexPattern::compile(icu::UnicodeString(u"\\\\([^\\n]{1})"), 0, error, status));
-    }();
-    return expression;
-}
-
-// --- The one matcher ------------------------------------------------------------------------
-
-namespace {
-
-std::optional<TagRef> nextMatch(const HXTextParser::TagList &tags, MatchText &matchText,
-                                const QList<HXRange> &textRanges, quint64 options, HXRange range,
-                                const HXTextParser::TagList &openTags,
-                                HXTextParser::MatchCache *cache, HXRange *matchedRange);
-
-} // namespace
-
-std::optional<TagRef> HXTextParser::nextMatchOfTags(const TagList &tags, const QString &text,
-                                                    const QList<HXRange> &textRanges,
-                                                    quint64 options, HXRange range,
-                                                    const TagList &openTags, MatchCache *cache,
-                                                    HXRange *matchedRange) {
-    MatchText matchText(text);
-    return nextMatch(tags, matchText, textRanges, options, range, openTags, cache, matchedRange);
-}
-
-namespace {
-
-std::optional<TagRef> nextMatch(const HXTextParser::TagList &tags, MatchText &matchText,
-                                const QList<HXRange> &textRanges, quint64 options, HXRange range,
-                                const HXTextParser::TagList &openTags,
-                                HXTextParser::MatchCache *cache, HXRange *matchedRange) {
-    using MatchCache = HXTextParser::MatchCache;
-    const bool anchored = options & HXTextParser::matchingAnchored;
-    std::optional<TagRef> best;
+// The candidate whose next match comes first, by the rules of which tag wins, and its matched
+// range; -1 when none matches. An open tag looks only for its end. Matches lie in the text
+// ranges and can't span an element.
+qsizetype nextMatch(const Candidates &candidates, const HXPatternMatcher::Text &text,
+                    const TextRanges &textRanges, bool anchored, HXRange range,
+                    const OpenTags &openTags, MatchCache *cache, HXRange *matchedRange) {
+    qsizetype best = -1;
     HXRange bestRange = HXNotFoundRange();
-    for (const TagRef &tag : tags) {
+    for (qsizetype i = 0; i < candidates.size(); ++i) {
+        const Candidate &candidate = *candidates.at(i);
+        const HXTextTag *tag = candidate.tag.get();
         HXRange found = HXNotFoundRange();
-        const auto cached = cache ? cache->constFind(tag.get()) : MatchCache::const_iterator();
-        if (cache && cached != cache->constEnd() &&
-            (cached->isNotFound() || cached->location >= range.location)) {
-            found = *cached;
+        CachedMatch *cached = cache ? &(*cache)[i] : nullptr;
+        if (cached && cached->known &&
+            (cached->range.isNotFound() || cached->range.location >= range.location)) {
+            found = cached->range;
         } else {
-            const auto expression =
-                tag ? tag->matchingExpression(isOpen(openTags, tag.get()) ? 1 : 0)
-                    : HXTextParser::escapeExpression();
-            if (expression) {
-                for (const HXRange &textRange : textRanges) {
-                    const HXRange part = HXIntersectionRange(textRange, range);
-                    if (part.length == 0)
-                        continue;
-                    found = search(expression, matchText, part, anchored);
-                    if (!found.isNotFound())
-                        break;
-                }
+            const HXPatternMatcher &matcher =
+                tag && indexOfOpen(openTags, tag) >= 0 ? candidate.end : candidate.start;
+            for (const HXRange &textRange : textRanges) {
+                const HXRange part = HXIntersectionRange(textRange, range);
+                if (part.length == 0)
+                    continue;
+                found = matcher.find(text, part, anchored);
+                if (!found.isNotFound())
+                    break;
             }
-            if (cache)
-                cache->insert(tag.get(), found);
+            if (cached)
+                *cached = CachedMatch{true, found};
         }
         if (found.isNotFound() || found.length == 0)
             continue;
-        if (!best || found.location < bestRange.location) {
-            best = tag;
+        if (best < 0 || found.location < bestRange.location) {
+            best = i;
             bestRange = found;
             continue;
         }
         if (found.location > bestRange.location || !tag)
             continue;
-        if (!*best) {
-            best = tag;
+        const Candidate &winner = *candidates.at(best);
+        if (!winner.tag) {
+            // A real tag beats an escape at the same place.
+            best = i;
             bestRange = found;
             continue;
         }
-        const qsizetype openIndex = indexOfOpen(openTags, tag.get());
-        const qsizetype bestOpenIndex = indexOfOpen(openTags, best->get());
+        const qsizetype openIndex = indexOfOpen(openTags, tag);
+        const qsizetype bestOpenIndex = indexOfOpen(openTags, winner.tag.get());
         if (openIndex >= 0 && bestOpenIndex >= 0) {
+            // The innermost closes first.
             if (openIndex > bestOpenIndex) {
-                best = tag;
+                best = i;
                 bestRange = found;
             }
             continue;
         }
-        const bool replaces = found.length == bestRange.length
-                                  ? tag->definition()->scope() < (*best)->definition()->scope()
-                                  : found.length > bestRange.length;
+        const bool replaces = found.length == bestRange.length ? candidate.scope < winner.scope
+                                                               : found.length > bestRange.length;
         if (replaces) {
-            best = tag;
+            best = i;
             bestRange = found;
         }
     }
     if (matchedRange)
-        *matchedRange = best ? bestRange : HXNotFoundRange();
+        *matchedRange = best >= 0 ? bestRange : HXNotFoundRange();
     return best;
 }
 
-} // namespace
+Candidates allOf(const std::vector<Candidate> &candidates) {
+    Candidates result;
+    for (const Candidate &candidate : candidates)
+        result.append(&candidate);
+    return result;
+}
 
-// --- The line-level prefix ------------------------------------------------------------------
+// --- The line-level prefix --------------------------------------------------------------------
 
-void HXTextParser::parseGroupings(TagList *groupings, TagRef *tag, QStringList *strings,
-                                  quint64 *consumedLength, const HXParagraph &paragraph) {
+// Four blanks, or up to three blanks and a tab: a level of indentation; one to three blanks
+// alone: the lead of a tag. The length matched at the position, and whether it ends in a tab.
+qsizetype matchIndentation(QStringView text, qsizetype position, bool *isLevel) {
+    qsizetype blanks = 0;
+    while (blanks < 4 && position + blanks < text.size() && text.at(position + blanks) == u' ')
+        ++blanks;
+    if (blanks == 4) {
+        *isLevel = true;
+        return 4;
+    }
+    if (position + blanks < text.size() && text.at(position + blanks) == u'\t') {
+        *isLevel = true;
+        return blanks + 1;
+    }
+    *isLevel = false;
+    return blanks;
+}
+
+void parsePrefix(HXTextParser::TagList *groupings, TagRef *tag, QStringList *strings,
+                 quint64 *consumedLength, QStringView text, HXDefinitionSelector selector,
+                 const HXParseTables &tables) {
     groupings->clear();
     strings->clear();
     *tag = nullptr;
     *consumedLength = 0;
-    const HXDefinitionSelector selector = paragraph.recognizedDefinitions();
-    if (!(selector & 0x7) || !paragraph.markup())
+    if (!(selector & 0x7))
         return;
-    TagList candidates = paragraph.markup()->tagsForSelector(selector);
-    candidates.append(nullptr);
-
-    static const std::shared_ptr<const icu::RegexPattern> indentation = [] {
-        UErrorCode status = U_ZERO_ERROR;
-        UParseError error;
-        const QString source = QStringLiteral(" {%1}| {0,%2}\\t| {1,%3}").arg(4).arg(3).arg(3);
-        return std::shared_ptr<const icu::RegexPattern>(icu::RegexPattern::compile(
-            icu::UnicodeString(false, reinterpret_cast<const UChar *>(source.utf16()),
-                               int32_t(source.size())),
-            0, error, status));
-    }();
-
-    const QString text = paragraph.string();
-    MatchText matchText(text);
+    const Candidates candidates = allOf(tables.lineCandidates);
+    const HXPatternMatcher::Text matchText(text);
     const quint64 length = quint64(text.size());
-    const QList<HXRange> whole{HXRange{0, length}};
+    const TextRanges whole{HXRange{0, length}};
     quint64 position = 0;
     for (;;) {
-        QString lead;
+        QStringView lead;
         while (position < length) {
-            const HXRange match =
-                search(indentation, matchText, HXRange{position, length - position}, true);
-            if (match.isNotFound())
+            bool isLevel = false;
+            const qsizetype matched = matchIndentation(text, qsizetype(position), &isLevel);
+            if (matched == 0)
                 break;
-            const QString matched = text.mid(qsizetype(match.location), qsizetype(match.length));
-            if (matched.endsWith(QLatin1Char('\t')) || match.length == 4) {
-                // A level of indentation; its text stays as it is written.
-                groupings->append(nullptr);
-                strings->append(matched);
-                position = match.max();
-                *consumedLength = position;
-            } else {
-                lead = matched;
-                position = match.max();
+            const QStringView indentation = text.sliced(qsizetype(position), matched);
+            position += quint64(matched);
+            if (!isLevel) {
+                lead = indentation;
                 break;
             }
+            // A level of indentation; its text stays as it is written.
+            groupings->append(nullptr);
+            strings->append(indentation.toString());
+            *consumedLength = position;
         }
         HXRange matched;
-        const auto found = nextMatch(candidates, matchText, whole, matchingAnchored,
-                                     HXRange{position, length - position}, {}, nullptr, &matched);
-        if (!found || !*found || (*found)->definition()->scope() > HXGroupingScope)
+        const qsizetype found =
+            nextMatch(candidates, matchText, whole, true, HXRange{position, length - position}, {},
+                      nullptr, &matched);
+        if (found < 0)
             return;
-        const TagRef &match = *found;
+        const TagRef &match = candidates.at(found)->tag;
+        if (!match || match->definition()->scope() > HXGroupingScope)
+            return;
         const HXDefinitionRef definition = match->definition();
         if (definition->noGroupingAllowed() && !groupings->isEmpty())
             return;
         const QString tagString =
-            lead + text.mid(qsizetype(matched.location), qsizetype(matched.length));
+            lead.toString() +
+            text.sliced(qsizetype(matched.location), qsizetype(matched.length)).toString();
         position = matched.max();
         *consumedLength = position;
         if (definition->groupingType() == HXGroupingNone) {
@@ -301,16 +201,42 @@ void HXTextParser::parseGroupings(TagList *groupings, TagRef *tag, QStringList *
     }
 }
 
-// --- Flattening -----------------------------------------------------------------------------
+// --- Flattening -------------------------------------------------------------------------------
 
-namespace {
+// A node melted to its characters: the elements that stay whole stand in it at their places,
+// their characters replaced by as many object replacement characters, and the elements melted
+// on the way wait by tag for the new tree to take them up again.
+struct FlatText {
+    struct Kept {
+        quint64 location;
+        std::shared_ptr<HXTextElement> element;
+    };
+    QString text;
+    std::vector<Kept> kept;
+    HXTextParser::ReusableElements reusable;
+
+    // The runs between the elements, in the range.
+    TextRanges textRanges() const {
+        TextRanges ranges;
+        quint64 location = 0;
+        for (const Kept &kept : this->kept) {
+            if (kept.location > location)
+                ranges.append(HXRange{location, kept.location - location});
+            location = kept.location + kept.element->length();
+        }
+        if (quint64(text.size()) > location)
+            ranges.append(HXRange{location, quint64(text.size()) - location});
+        return ranges;
+    }
+};
 
 // Walks the chunks of a node as flattening takes them: entities and closed code whole, elements
 // of forbidden tags melted to the texts of their tags around their inner chunks, other elements
 // melted with their atoms. The walk keeps its own stack, so deep trees can't exhaust the
 // thread's.
-template<typename F>
-void walkFlatChunks(const HXChunkString &node, const HXTextParser::TagSet &forbidden, F &&block) {
+FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidden,
+                 quint64 definitionOptions) {
+    FlatText flat;
     struct Frame {
         QList<HXChunk> chunks;
         qsizetype next = 0;
@@ -322,17 +248,24 @@ void walkFlatChunks(const HXChunkString &node, const HXTextParser::TagSet &forbi
         if (stack.back().next == stack.back().chunks.size()) {
             const QString after = std::move(stack.back().after);
             stack.pop_back();
-            if (!after.isEmpty())
-                block(HXChunk(after));
+            flat.text += after;
             continue;
         }
         const HXChunk chunk = stack.back().chunks.at(stack.back().next++);
-        const auto *element = chunk.as<HXTextElement>();
+        const auto element = chunk.pointerAs<HXTextElement>();
         if (!element) {
-            if (const HXChunkString *nested = chunk.chunkString())
+            if (const HXChunkString *nested = chunk.chunkString()) {
                 stack.push_back(Frame{nested->allChunks(), 0, QString()});
-            else
-                block(chunk);
+                continue;
+            }
+            if (const HXTextAtom *atom = chunk.as<HXTextAtom>()) {
+                // The start tag of a melted element: the element may be taken up again.
+                if (atom->part() == 0 && atom->tag()) {
+                    if (auto owner = std::dynamic_pointer_cast<HXTextElement>(atom->node()))
+                        flat.reusable[atom->tag().get()].append(owner);
+                }
+            }
+            flat.text += chunk.string();
             continue;
         }
         const bool forbiddenTag = element->tag() && forbidden.contains(element->tag().get());
@@ -340,14 +273,15 @@ void walkFlatChunks(const HXChunkString &node, const HXTextParser::TagSet &forbi
         if (!forbiddenTag && intact &&
             (element->isEntity() ||
              (element->isClosed() && element->tag() && element->definition()->noParsingInside()))) {
-            block(chunk);
+            if ((definitionOptions & HXSelectorNoMedia) && element->attributes())
+                element->attributes()->removeFileWrappersQuietly();
+            flat.kept.push_back(FlatText::Kept{quint64(flat.text.size()), element});
+            flat.text.append(QString(qsizetype(element->length()), QChar(0xfffc)));
             continue;
         }
         if (forbiddenTag && intact) {
             // Not allowed here: its tags come back as their texts, an entity's too.
-            const QString start = element->startTagString();
-            if (!start.isEmpty())
-                block(HXChunk(start));
+            flat.text += element->startTagString();
             stack.push_back(Frame{
                 element->innerChunks(), 0,
                 element->isClosed() && !element->isObject() ? element->endTagString() : QString()});
@@ -355,126 +289,112 @@ void walkFlatChunks(const HXChunkString &node, const HXTextParser::TagSet &forbi
         }
         stack.push_back(Frame{element->allChunks(), 0, QString()});
     }
+    return flat;
 }
 
-} // namespace
+// --- The inline parse -------------------------------------------------------------------------
 
-void HXTextParser::flattenString(const HXChunkString &node, HXChunkString &flatString,
-                                 const TagSet &forbiddenTags, quint64 definitionOptions,
-                                 ReusableElements *reusableElements) {
-    QString buffer;
-    auto flush = [&] {
-        if (!buffer.isEmpty()) {
-            // Chunks of the flat string may pass into the tree as they are: no spare room.
-            buffer.squeeze();
-            flatString.appendChunk(HXChunk(std::exchange(buffer, QString())));
-        }
-    };
-    walkFlatChunks(node, forbiddenTags, [&](const HXChunk &chunk) {
-        if (const auto element = chunk.pointerAs<HXTextElement>()) {
-            HX_ASSERT(element->isEntity() || element->definition()->noParsingInside(),
-                      u"Only object-elements and code should be left");
-            if ((definitionOptions & HXSelectorNoMedia) && element->attributes())
-                element->attributes()->removeFileWrappersQuietly();
-            flush();
-            flatString.appendChunk(chunk);
-            return;
-        }
-        if (const HXTextAtom *atom = chunk.as<HXTextAtom>()) {
-            if (reusableElements && atom->part() == 0 && atom->tag()) {
-                if (auto owner = std::dynamic_pointer_cast<HXTextElement>(atom->node()))
-                    (*reusableElements)[atom->tag().get()].append(owner);
-            }
-        }
-        buffer += flatText(chunk);
-    });
-    flush();
-}
-
-QList<HXRange> HXTextParser::textRangesOfString(const HXChunkString &flatString) {
-    QList<HXRange> ranges;
-    ranges.reserve(10);
-    quint64 location = 0;
-    for (const HXChunk &chunk : flatString.allChunks()) {
-        const quint64 length = chunk.length();
-        if (!chunk.as<HXTextElement>()) {
-            if (!ranges.isEmpty() && ranges.last().max() == location)
-                ranges.last().length += length;
-            else
-                ranges.append(HXRange{location, length});
-        }
-        location += length;
-    }
-    return ranges;
-}
-
-// --- The inline parse -----------------------------------------------------------------------
-
-void HXTextParser::reparseString(const HXChunkString &flatString,
-                                 const std::shared_ptr<HXMarkup> &markup,
-                                 const TagSet &forbiddenTags, HXRange range,
-                                 ReusableElements &reusableElements, HXChunkString &target) {
-    TagList candidates;
-    if (markup) {
-        for (const TagRef &tag : markup->tagsForSelector(56)) {
-            if (!forbiddenTags.contains(tag.get()))
-                candidates.append(tag);
+class InlineParser {
+public:
+    InlineParser(const FlatText &flat, const HXParseTables &tables,
+                 const std::shared_ptr<HXMarkup> &markup, const HXTextParser::TagSet &forbidden)
+        : m_flat(flat)
+        , m_tables(tables)
+        , m_markup(markup)
+        , m_forbidden(forbidden)
+        , m_text(flat.text)
+        , m_textRanges(flat.textRanges()) {
+        for (const Candidate &candidate : tables.inlineCandidates) {
+            if (!forbidden.contains(candidate.tag.get()))
+                m_candidates.append(&candidate);
         }
     }
-    if (!forbiddenTags.contains(nullptr))
-        candidates.append(nullptr);
 
-    const QString text = flatString.string();
-    MatchText matchText(text);
-    const QList<HXRange> textRanges = textRangesOfString(flatString);
-    TagList openTags;
-    QList<std::shared_ptr<HXTextElement>> openElements;
-    MatchCache cache;
-    auto currentTarget = [&]() -> HXChunkString & {
-        return openElements.isEmpty() ? target : *openElements.last();
+    // The chunks of the range, with its elements; melted elements are taken up again from the
+    // reusable ones.
+    QList<HXChunk> parse(HXRange range, HXTextParser::ReusableElements &reusable);
+
+private:
+    struct Open {
+        qsizetype candidate;
+        std::shared_ptr<HXTextElement> element;
+        QList<HXChunk> children;
     };
 
+    QList<HXChunk> &target() { return m_open.empty() ? m_root : m_open.back().children; }
+    // The text and the kept elements of a stretch without matches, each element parsed inside.
+    void appendText(quint64 from, quint64 to);
+
+    const FlatText &m_flat;
+    const HXParseTables &m_tables;
+    const std::shared_ptr<HXMarkup> &m_markup;
+    const HXTextParser::TagSet &m_forbidden;
+    HXPatternMatcher::Text m_text;
+    TextRanges m_textRanges;
+    Candidates m_candidates;
+    QList<HXChunk> m_root;
+    std::vector<Open> m_open;
+};
+
+void reparseElement(HXTextElement &element, HXTextParser::TagSet forbidden,
+                    const HXParseTables &tables);
+
+void InlineParser::appendText(quint64 from, quint64 to) {
+    quint64 position = from;
+    auto plain = [&](quint64 end) {
+        if (end > position)
+            target().append(
+                HXChunk(m_flat.text.sliced(qsizetype(position), qsizetype(end - position))));
+    };
+    for (const FlatText::Kept &kept : m_flat.kept) {
+        if (kept.location < from)
+            continue;
+        if (kept.location >= to)
+            break;
+        plain(kept.location);
+        reparseElement(*kept.element, m_forbidden, m_tables);
+        target().append(HXChunk(kept.element));
+        position = kept.location + kept.element->length();
+    }
+    plain(to);
+}
+
+QList<HXChunk> InlineParser::parse(HXRange range, HXTextParser::ReusableElements &reusable) {
+    MatchCache cache(m_candidates.size());
+    OpenTags openTags;
     quint64 position = range.location;
     const quint64 end = range.max();
     while (position < end) {
         HXRange matched;
-        const auto found = nextMatch(candidates, matchText, textRanges, 0,
-                                     HXRange{position, end - position}, openTags, &cache, &matched);
-        if (!found)
+        const qsizetype found =
+            nextMatch(m_candidates, m_text, m_textRanges, false, HXRange{position, end - position},
+                      openTags, &cache, &matched);
+        if (found < 0)
             matched = HXRange{end, 0};
 
-        // The text before the match, elements parsed inside.
-        if (matched.location > position) {
-            flatString.enumerateChunksInRange(
-                HXRange{position, matched.location - position}, HXChunkEnumerationClippedToRange,
-                [&](const HXChunk &chunk, HXRange, bool &) {
-                    if (auto element = chunk.pointerAs<HXTextElement>())
-                        reparseElement(*element, forbiddenTags);
-                    currentTarget().appendChunk(chunk);
-                });
-        }
+        appendText(position, matched.location);
 
         const QString matchedText =
-            text.mid(qsizetype(matched.location), qsizetype(matched.length));
-        const TagRef tag = found ? *found : nullptr;
-        const bool wasOpen = found && tag && isOpen(openTags, tag.get());
-        if (found && !tag) {
-            currentTarget().appendChunk(HXChunk(std::make_shared<HXEscapeAtom>(matchedText)));
-        } else if (found && !wasOpen) {
+            m_flat.text.sliced(qsizetype(matched.location), qsizetype(matched.length));
+        const TagRef tag = found >= 0 ? m_candidates.at(found)->tag : nullptr;
+        const bool wasOpen = tag && indexOfOpen(openTags, tag.get()) >= 0;
+        if (found >= 0 && !tag) {
+            target().append(HXChunk(std::make_shared<HXEscapeAtom>(matchedText)));
+        } else if (found >= 0 && !wasOpen) {
             std::shared_ptr<HXTextElement> element;
-            auto reusable = reusableElements.find(tag.get());
-            if (reusable != reusableElements.end() && !reusable->isEmpty()) {
-                element = reusable->takeLast();
+            auto waiting = reusable.find(tag.get());
+            if (waiting != reusable.end() && !waiting->isEmpty()) {
+                element = waiting->takeLast();
                 element->clear();
             } else {
-                element = HXTextElement::elementWithTag(nullptr, markup, false);
+                element = HXTextElement::elementWithTag(nullptr, m_markup, false);
             }
             element->setTag(tag, matchedText);
             if (element->isObject()) {
-                currentTarget().appendChunk(HXChunk(element));
+                target().append(HXChunk(element));
             } else {
-                openTags.append(tag);
-                openElements.append(element);
+                openTags.append(tag.get());
+                m_open.push_back(Open{found, element, {}});
             }
         }
 
@@ -484,25 +404,54 @@ void HXTextParser::reparseString(const HXChunkString &flatString,
         if (wasOpen || (atEnd && !openTags.isEmpty())) {
             const qsizetype down = atEnd ? 0 : indexOfOpen(openTags, tag.get());
             while (openTags.size() > down) {
-                const TagRef open = openTags.takeLast();
-                const std::shared_ptr<HXTextElement> element = openElements.takeLast();
-                const bool closing = wasOpen && open == tag;
-                element->setClosed(closing, closing ? matchedText : QString());
-                if (element->isEntity() || (closing && element->definition()->noParsingInside()))
-                    reparseElement(*element, forbiddenTags);
-                cache.remove(open.get());
-                currentTarget().appendChunk(HXChunk(element));
+                Open open = std::move(m_open.back());
+                m_open.pop_back();
+                const HXTextTag *openTag = openTags.back();
+                openTags.removeLast();
+                const bool closing = wasOpen && openTag == tag.get();
+                open.element->setInnerChunks(open.children);
+                open.element->setClosed(closing, closing ? matchedText : QString());
+                if (open.element->isEntity() ||
+                    (closing && open.element->definition()->noParsingInside()))
+                    reparseElement(*open.element, m_forbidden, m_tables);
+                cache[open.candidate].known = false;
+                target().append(HXChunk(open.element));
             }
         }
-        if (!found)
+        if (found < 0)
             break;
         position = matched.max();
     }
+    return std::move(m_root);
+}
+
+void reparseElement(HXTextElement &element, HXTextParser::TagSet forbidden,
+                    const HXParseTables &tables) {
+    HX_ASSERT(element.isIntact(), u"Broken elements cannot be reparsed \"%@\"",
+              element.description());
+    if (element.length() == 0)
+        return;
+    forbidden.insert(element.tag().get());
+    const HXDefinitionRef definition = element.definition();
+    if (definition && definition->noParsingInside() && element.isClosed()) {
+        // Nothing is parsed in code, no escape either.
+        if (element.markup().get() == tables.markup) {
+            forbidden = tables.forbiddenInCode;
+        } else {
+            if (element.markup()) {
+                for (const TagRef &tag : element.markup()->allTags())
+                    forbidden.insert(tag.get());
+            }
+            forbidden.insert(nullptr);
+        }
+        forbidden.insert(element.tag().get());
+    }
+    FlatText flat = flatten(element, forbidden, 0);
+    InlineParser parser(flat, tables, element.markup(), forbidden);
+    element.setInnerChunks(parser.parse(element.innerChunkRange(), flat.reusable));
 }
 
 // --- Comparing ------------------------------------------------------------------------------
-
-namespace {
 
 // One chunk of a tree, in the order of a walk that visits a chunk before what it holds: enough
 // to tell whether two trees have the same structure, whatever their characters.
@@ -580,29 +529,44 @@ HXRange compareStructures(const std::vector<StructureToken> &before,
 
 } // namespace
 
-// --- Reparsing ------------------------------------------------------------------------------
+// --- Reparsing --------------------------------------------------------------------------------
 
-void HXTextParser::reparseElement(HXTextElement &element, TagSet forbiddenTags) {
-    HX_ASSERT(element.isIntact(), u"Broken elements cannot be reparsed \"%@\"",
-              element.description());
-    if (element.length() == 0)
+namespace {
+
+// The characters of a node, without a copy when they are one plain chunk.
+QString charactersOf(const HXChunkString &node) {
+    const HXChunk first = node.firstChunk();
+    if (first.isPlain() && first.length() == node.length())
+        return first.text();
+    return node.string();
+}
+
+bool holdsElements(const HXChunkString &node) {
+    bool found = false;
+    node.enumerateChunksInRange(HXRange{0, node.length()}, 0,
+                                [&](const HXChunk &chunk, HXRange, bool &stop) {
+                                    found = stop = chunk.as<HXTextElement>() != nullptr;
+                                });
+    return found;
+}
+
+} // namespace
+
+void HXTextParser::parseGroupings(TagList *groupings, TagRef *tag, QStringList *strings,
+                                  quint64 *consumedLength, const HXParagraph &paragraph) {
+    const auto tables = paragraph.markup()
+                            ? paragraph.markup()->parserTables(paragraph.recognizedDefinitions())
+                            : nullptr;
+    if (!tables) {
+        groupings->clear();
+        strings->clear();
+        *tag = nullptr;
+        *consumedLength = 0;
         return;
-    forbiddenTags.insert(element.tag().get());
-    const HXDefinitionRef definition = element.definition();
-    if (definition && definition->noParsingInside() && element.isClosed()) {
-        if (element.markup()) {
-            for (const TagRef &tag : element.markup()->allTags())
-                forbiddenTags.insert(tag.get());
-        }
-        forbiddenTags.insert(nullptr);
     }
-    HXChunkString flat;
-    ReusableElements reusable;
-    flattenString(element, flat, forbiddenTags, 0, &reusable);
-    const HXRange inner = element.innerChunkRange();
-    HXChunkString parsed;
-    reparseString(flat, element.markup(), forbiddenTags, inner, reusable, parsed);
-    element.setInnerChunks(parsed.allChunks());
+    const QString text = charactersOf(paragraph);
+    parsePrefix(groupings, tag, strings, consumedLength, text, paragraph.recognizedDefinitions(),
+                *tables);
 }
 
 void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText,
@@ -614,68 +578,68 @@ void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText
             *changedStructure = HXNotFoundRange();
         return;
     }
-    // What the old tree was, for the reports: elements taken up again change on the way.
-    const std::vector<StructureToken> oldStructure = structureOf(paragraph);
-    const QString oldText = paragraph.string();
-    const quint64 oldLength = quint64(oldText.size());
     const std::shared_ptr<HXMarkup> markup = paragraph.markup();
+    // What the old tree was, for the reports: elements taken up again change on the way.
+    std::vector<StructureToken> oldStructure;
+    if (changedStructure)
+        oldStructure = structureOf(paragraph);
+    const QString characters = charactersOf(paragraph);
+    const quint64 oldLength = quint64(characters.size());
 
     TagList groupings;
     TagRef tag;
     QStringList strings;
     quint64 consumed = 0;
-    parseGroupings(&groupings, &tag, &strings, &consumed, paragraph);
-
     HXDefinitionSelector selector = paragraph.recognizedDefinitions();
+    std::shared_ptr<const HXParseTables> tables;
+    if (markup) {
+        tables = markup->parserTables(selector);
+        parsePrefix(&groupings, &tag, &strings, &consumed, characters, selector, *tables);
+    } else {
+        tables = std::make_shared<HXParseTables>();
+    }
+
     const HXTextTag *grouping = lastRealGrouping(groupings);
     const bool noParsingInside = (tag && tag->definition()->noParsingInside()) ||
                                  (grouping && grouping->definition()->noParsingInside());
     if (noParsingInside)
         selector &= ~HXDefinitionSelector(0x3ff);
+    const TagSet &forbidden = noParsingInside ? tables->forbiddenInCode : tables->forbidden;
 
-    TagSet forbidden;
-    if (markup) {
-        for (const TagRef &each : markup->allTags())
-            forbidden.insert(each.get());
-        for (const TagRef &allowed : markup->tagsForSelector(selector))
-            forbidden.remove(allowed.get());
-    }
-    if (noParsingInside)
-        forbidden.insert(nullptr);
+    // Text without elements is its own flat form.
+    FlatText flat;
+    if (holdsElements(paragraph))
+        flat = flatten(paragraph, forbidden, quint64(selector));
+    else
+        flat.text = characters;
 
-    HXChunkString flat;
-    ReusableElements reusable;
-    flattenString(paragraph, flat, forbidden, quint64(selector), &reusable);
-
-    auto parsed =
-        HXParagraph::paragraphWithString(QString(), markup, paragraph.recognizedDefinitions());
-    parsed->setGroupings(groupings, tag, strings);
     // The line feed stays outside all elements: it is parsed apart and goes last.
-    const quint64 flatLength = flat.length();
+    const quint64 flatLength = quint64(flat.text.size());
     const bool lineFeed = paragraph.endsInLineFeed() && flatLength > consumed;
-    reparseString(flat, markup, forbidden,
-                  HXRange{consumed, flatLength - consumed - (lineFeed ? 1 : 0)}, reusable, *parsed);
+    InlineParser parser(flat, *tables, markup, forbidden);
+    QList<HXChunk> chunks =
+        parser.parse(HXRange{consumed, flatLength - consumed - (lineFeed ? 1 : 0)}, flat.reusable);
     if (lineFeed)
-        parsed->appendChunk(HXChunk(QStringLiteral("\n")));
-
-    HXRange structure = compareStructures(oldStructure, structureOf(*parsed), oldLength);
-    const HXRange text = compareFlatString(oldText, parsed->string());
+        chunks.append(HXChunk(QStringLiteral("\n")));
 
     auto sameTag = [](const TagRef &a, const TagRef &b) { return a.get() == b.get(); };
     bool prefixChanged =
         !sameTag(paragraph.tag(), tag) || paragraph.groupings().size() != groupings.size();
     for (qsizetype i = 0; !prefixChanged && i < groupings.size(); ++i)
         prefixChanged = !sameTag(paragraph.groupings().at(i), groupings.at(i));
-    if (prefixChanged)
-        structure = HXRange{0, oldLength};
 
     paragraph.setHeadChunk(HXChunk());
-    paragraph.setInnerChunks(parsed->children());
+    paragraph.setInnerChunks(chunks);
     paragraph.setGroupings(groupings, tag, strings);
+
     if (changedText)
-        *changedText = text;
-    if (changedStructure)
+        *changedText = compareFlatString(characters, charactersOf(paragraph));
+    if (changedStructure) {
+        HXRange structure =
+            prefixChanged ? HXRange{0, oldLength}
+                          : compareStructures(oldStructure, structureOf(paragraph), oldLength);
         *changedStructure = structure.length > 0 ? structure : HXNotFoundRange();
+    }
 }
 
 HXRange HXTextParser::compareString(const HXChunkString &oldString,
@@ -732,53 +696,56 @@ HXRange HXTextParser::compareFlatString(const QString &oldString, const QString 
 
 namespace {
 
-HXTextParser::TagList inlineTagsOf(const HXTextParser::TagList &tags) {
-    HXTextParser::TagList result;
-    for (const TagRef &tag : tags) {
-        if (!tag || tag->definition()->matchesSelector(HXSelectorInlineOnly))
-            result.append(tag);
+Candidates inlineOf(const Candidates &candidates) {
+    Candidates result;
+    for (const Candidate *candidate : candidates) {
+        if (!candidate->tag || candidate->tag->definition()->matchesSelector(HXSelectorInlineOnly))
+            result.append(candidate);
     }
     return result;
 }
 
 // The next place that needs an escape: an escape itself or an inline tag; a line-level tag only
 // while the text is anchored and nothing but white space lies before it.
-std::optional<TagRef> nextEscapeMatch(HXTextParser::TagList &tags, MatchText &text, HXRange range,
-                                      bool anchored, HXRange *matched) {
-    const QList<HXRange> whole{HXRange{0, quint64(text.text.size())}};
+qsizetype nextEscapeMatch(Candidates &candidates, const HXPatternMatcher::Text &text, HXRange range,
+                          bool anchored, HXRange *matched) {
+    const TextRanges whole{HXRange{0, quint64(text.view().size())}};
     while (range.length > 0) {
-        const auto found = nextMatch(tags, text, whole, 0, range, {}, nullptr, matched);
-        if (!found)
-            return std::nullopt;
-        if (!*found || (*found)->definition()->scope() > HXGroupingScope)
+        const qsizetype found =
+            nextMatch(candidates, text, whole, false, range, {}, nullptr, matched);
+        if (found < 0)
+            return -1;
+        const Candidate *candidate = candidates.at(found);
+        if (!candidate->tag || candidate->scope > HXGroupingScope)
             return found;
         if (anchored) {
-            const QStringView before = QStringView(text.text).mid(
+            const QStringView before = text.view().sliced(
                 qsizetype(range.location), qsizetype(matched->location - range.location));
             if (before.trimmed().isEmpty())
                 return found;
             range = HXRange{matched->location, range.max() - matched->location};
-            tags = inlineTagsOf(tags);
+            candidates = inlineOf(candidates);
         } else {
             range = HXRange{matched->location + 1, range.max() - matched->location - 1};
         }
     }
-    return std::nullopt;
+    return -1;
 }
 
 } // namespace
 
 QList<HXChunk> HXTextParser::escapedStringsForString(const QString &string, const TagList &tags,
                                                      bool anchored) {
-    TagList candidates = anchored ? tags : inlineTagsOf(tags);
-    MatchText text(string);
+    const std::vector<Candidate> all = HXParseTables::candidatesForTags(tags);
+    Candidates candidates = anchored ? allOf(all) : inlineOf(allOf(all));
+    const HXPatternMatcher::Text text(string);
     QList<HXChunk> result;
     quint64 position = 0;
     const quint64 length = quint64(string.size());
     while (position < length) {
         HXRange matched;
-        if (!nextEscapeMatch(candidates, text, HXRange{position, length - position}, anchored,
-                             &matched)) {
+        if (nextEscapeMatch(candidates, text, HXRange{position, length - position}, anchored,
+                            &matched) < 0) {
             result.append(HXChunk(string.mid(qsizetype(position))));
             break;
         }
@@ -792,7 +759,7 @@ QList<HXChunk> HXTextParser::escapedStringsForString(const QString &string, cons
         position = matched.location + quint64(characterLength);
         if (anchored) {
             anchored = false;
-            candidates = inlineTagsOf(candidates);
+            candidates = inlineOf(candidates);
         }
     }
     return result;

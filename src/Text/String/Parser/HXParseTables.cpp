@@ -1,0 +1,47 @@
+#include "Text/String/Parser/HXParseTables.h"
+
+#include "Text/Markup/HXMarkup.h"
+
+std::vector<HXParseTables::Candidate>
+HXParseTables::candidatesForTags(const QList<HXTextTagRef> &tags) {
+    std::vector<Candidate> candidates;
+    candidates.reserve(size_t(tags.size()) + 1);
+    for (const HXTextTagRef &tag : tags) {
+        if (!tag) {
+            candidates.push_back(Candidate{nullptr, HXPatternMatcher::escape(), {}, 0});
+            continue;
+        }
+        Candidate candidate{tag, {}, {}, tag->definition()->scope()};
+        const QStringList patterns = tag->patterns();
+        const HXDefinition *definition = tag->definition().get();
+        if (!patterns.isEmpty())
+            candidate.start = HXPatternMatcher::forPattern(patterns.at(0), definition,
+                                                           tag->matchingExpression(0));
+        if (patterns.size() > 1)
+            candidate.end = HXPatternMatcher::forPattern(patterns.at(1), definition,
+                                                         tag->matchingExpression(1));
+        candidates.push_back(std::move(candidate));
+    }
+    return candidates;
+}
+
+std::shared_ptr<const HXParseTables> HXParseTables::make(const HXMarkup &markup,
+                                                         HXDefinitionSelector selector) {
+    auto tables = std::make_shared<HXParseTables>();
+    tables->markup = &markup;
+    QList<HXTextTagRef> line = markup.tagsForSelector(selector);
+    line.append(nullptr);
+    tables->lineCandidates = candidatesForTags(line);
+    QList<HXTextTagRef> inlineTags = markup.tagsForSelector(56);
+    inlineTags.append(nullptr);
+    tables->inlineCandidates = candidatesForTags(inlineTags);
+
+    const QList<HXTextTagRef> selected = markup.tagsForSelector(selector);
+    for (const HXTextTagRef &tag : markup.allTags()) {
+        tables->forbiddenInCode.insert(tag.get());
+        if (!selected.contains(tag))
+            tables->forbidden.insert(tag.get());
+    }
+    tables->forbiddenInCode.insert(nullptr);
+    return tables;
+}

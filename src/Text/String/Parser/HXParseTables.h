@@ -1,0 +1,43 @@
+#pragma once
+
+#include "Text/Markup/HXDefinition.h"
+#include "Text/Markup/HXTextTag.h"
+#include "Text/String/Parser/HXPatternMatcher.h"
+#include "Text/String/Parser/HXTextParser.h"
+
+#include <memory>
+#include <vector>
+
+class HXMarkup;
+
+// What the parser derives from a markup's tags for one definition selector, so that a paragraph
+// costs no more than its own text: the candidates of the line-level prefix and of the inline
+// parse, each with the matchers of its patterns, and the tags that may not be matched in parsed
+// text and in text inside a tag that allows no parsing. Made on first use; the markup keeps it
+// until its tags change, and a parse holds it while it runs. Immutable; any thread.
+class HXParseTables {
+public:
+    // A tag that may match, or the escape when it has no tag.
+    struct Candidate {
+        HXTextTagRef tag;
+        HXPatternMatcher start; // the first pattern, or the escape's
+        HXPatternMatcher end;   // the second pattern, for tags of an inline span
+        quint64 scope = 0;
+    };
+
+    static std::shared_ptr<const HXParseTables> make(const HXMarkup &markup,
+                                                     HXDefinitionSelector selector);
+    // The candidates of the tags, in order, and then the escape.
+    static std::vector<Candidate> candidatesForTags(const QList<HXTextTagRef> &tags);
+
+    // The tags of the selector's definitions, then the escape: what may begin a paragraph.
+    std::vector<Candidate> lineCandidates;
+    // The tags of the inline scopes, then the escape; a parse leaves out those forbidden.
+    std::vector<Candidate> inlineCandidates;
+    // The tags of the markup that the selector doesn't select.
+    HXTextParser::TagSet forbidden;
+    // Every tag of the markup and the escape: what text that allows no parsing forbids.
+    HXTextParser::TagSet forbiddenInCode;
+    // The markup these tables are for, to tell whether an element shares it.
+    const HXMarkup *markup = nullptr;
+};
