@@ -60,8 +60,8 @@ QString realisticText(int words, bool dense = false) {
 
 struct CountingObserver : HXStringObserver {
     quint64 changes = 0;
-    void stringChangedCharactersInRange(HXString &, HXRange, const HXChunk &, HXRange, HXRange,
-                                        HXRange) override {
+    void stringChangedCharactersInRange(HXString &, HXRange, const HXReplacement &, HXRange,
+                                        HXRange, HXRange) override {
         ++changes;
     }
 };

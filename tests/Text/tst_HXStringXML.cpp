@@ -99,7 +99,7 @@ void tst_HXStringXML::detailsOfTheForm() {
     string->appendString(u"y"_s);
     auto image = HXTextElement::elementWithTag(HXTextTestSupport::tag("image"), markup());
     string->replaceCharactersInRange(HXRange{string->length(), 0},
-                                     HXChunk(HXString::stringWithTextElement(image)));
+                                     HXString::stringWithTextElement(image));
     const QByteArray xml = HXStringXML::XMLData(*string);
     QVERIFY(xml.contains(R"(<p><bookmark/><tags><tag kind="heading1"># </tag></tags>x</p>)"));
     QVERIFY(xml.contains(R"(y<element kind="image"/></p>)"));
@@ -207,9 +207,8 @@ void tst_HXStringXML::attributesAndNestedStrings() {
     // Both come back from the stored form, the nested string with its structure.
     auto string = HXMutableString::stringWithMarkup(markup());
     string->setString(u"see  and\n"_s);
-    string->replaceCharactersInRange(HXRange{4, 0},
-                                     HXChunk(HXString::stringWithTextElement(footnote)));
-    string->replaceCharactersInRange(HXRange{5, 0}, HXChunk(HXString::stringWithTextElement(link)));
+    string->replaceCharactersInRange(HXRange{4, 0}, HXString::stringWithTextElement(footnote));
+    string->replaceCharactersInRange(HXRange{5, 0}, HXString::stringWithTextElement(link));
     const auto back = read(HXStringXML::XMLData(*string));
     QVERIFY(back && back->isEqualToChunkString(*string));
     const auto readNote = back->textElementStartingAtIndex(4);
@@ -258,8 +257,7 @@ void tst_HXStringXML::filesGoThroughTheContext() {
 
     auto string = HXMutableString::stringWithMarkup(markup());
     string->setString(u"a"_s);
-    string->replaceCharactersInRange(HXRange{1, 0},
-                                     HXChunk(HXString::stringWithTextElement(image)));
+    string->replaceCharactersInRange(HXRange{1, 0}, HXString::stringWithTextElement(image));
     QVERIFY(string->containsFileWrapper());
     FileShelf shelf;
     const QByteArray xml = HXStringXML::XMLData(*string, &shelf);

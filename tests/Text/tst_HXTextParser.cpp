@@ -174,7 +174,7 @@ void tst_HXTextParser::entitiesKeepTheirObjects() {
     auto link = HXTextElement::elementWithURLString(u"https://example.org"_s, u"site"_s,
                                                     tag("link"), markup());
     auto holder = HXString::stringWithTextElement(link);
-    string->replaceCharactersInRange(HXRange{4, 0}, HXChunk(holder));
+    string->replaceCharactersInRange(HXRange{4, 0}, holder);
     const auto placed = string->textElementStartingAtIndex(4);
     QVERIFY(placed && placed->isEntity());
     QCOMPARE(placed->attributes()->objectForKey(u"URL"_s).toString(), u"https://example.org"_s);

@@ -214,8 +214,7 @@ void tst_HXTextUndo::attributeChanges() {
     Editor editor(u"a "_s);
     auto link = HXTextElement::elementWithURLString(
         u"one"_s, u"link"_s, HXTextTestSupport::tag("link"), HXTextTestSupport::markup());
-    editor.string->replaceCharactersInRange(HXRange{2, 0},
-                                            HXChunk(HXString::stringWithTextElement(link)));
+    editor.string->replaceCharactersInRange(HXRange{2, 0}, HXString::stringWithTextElement(link));
     editor.string->breakUndoCoalescing();
     const auto placed = editor.string->textElementStartingAtIndex(2);
     // Two changes of the same element are one step; undo puts the first value back.
@@ -250,13 +249,13 @@ void tst_HXTextUndo::attributeChanges() {
     auto footnote = HXTextElement::elementWithTag(HXTextTestSupport::tag("footnote"),
                                                   HXTextTestSupport::markup());
     editor.string->replaceCharactersInRange(HXRange{0, 0},
-                                            HXChunk(HXString::stringWithTextElement(footnote)));
+                                            HXString::stringWithTextElement(footnote));
     const auto note =
         editor.string->textElementStartingAtIndex(0)->attributes()->nestedStringForKey(u"text"_s);
     note->replaceCharactersInRange(
         HXRange{0, 0},
-        HXChunk(HXString::stringWithTextElement(HXTextElement::elementWithURLString(
-            u"u"_s, u"t"_s, HXTextTestSupport::tag("link"), HXTextTestSupport::markup()))));
+        HXString::stringWithTextElement(HXTextElement::elementWithURLString(
+            u"u"_s, u"t"_s, HXTextTestSupport::tag("link"), HXTextTestSupport::markup())));
     const auto noteObserver = std::make_shared<Observer>();
     note->addStringObserver(noteObserver);
     note->textElementStartingAtIndex(0)->attributes()->setObject(u"v"_s, u"URL"_s);

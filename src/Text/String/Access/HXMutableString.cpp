@@ -16,25 +16,37 @@ bool endsInLineFeed(const HXChunk &string) {
     return length > 0 && string.characterAtIndex(length - 1) == QLatin1Char('\n');
 }
 
-// The lines of a new text, each with its line feed, and an empty last line behind a final one.
-QList<HXChunk> linesOfString(const HXChunk &string) {
+bool endsInLineFeed(const HXReplacement &string) {
+    if (const HXString *text = string.string()) {
+        const quint64 length = text->length();
+        return length > 0 && text->characterAtIndex(length - 1) == QLatin1Char('\n');
+    }
+    return string.text().endsWith(QLatin1Char('\n'));
+}
+
+// The lines of a new text, each with its line feed, and an empty last line behind a final one:
+// ranges of one buffer for plain text, the paragraphs of a string.
+QList<HXChunk> linesOfString(const HXReplacement &string) {
     QList<HXChunk> lines;
-    if (const HXString *text = string.as<HXString>()) {
+    if (const HXString *text = string.string()) {
         for (const HXChunk &paragraph : text->allChunks())
             lines.append(paragraph);
         if (lines.isEmpty() || endsInLineFeed(lines.last()))
             lines.append(HXChunk(QStringLiteral("")));
         return lines;
     }
-    const QString &text = string.text();
+    const HXChunk whole(string.text());
+    const QStringView text = whole.view();
     qsizetype start = 0;
     for (;;) {
         const qsizetype lineFeed = text.indexOf(QLatin1Char('\n'), start);
         if (lineFeed < 0) {
-            lines.append(HXChunk(text.mid(start)));
+            lines.append(
+                whole.substringWithRange(HXRange{quint64(start), quint64(text.size() - start)}));
             break;
         }
-        lines.append(HXChunk(text.mid(start, lineFeed + 1 - start)));
+        lines.append(
+            whole.substringWithRange(HXRange{quint64(start), quint64(lineFeed + 1 - start)}));
         start = lineFeed + 1;
     }
     return lines;
@@ -74,14 +86,14 @@ void HXMutableString::setMarkupObserved(const std::shared_ptr<HXMarkup> &markup)
 
 // --- The editing door -----------------------------------------------------------------------
 
-void HXMutableString::replaceCharactersInRange(HXRange range, const HXChunk &string,
+void HXMutableString::replaceCharactersInRange(HXRange range, const HXReplacement &string,
                                                HXRange *editedRange, HXRange *affectedRange,
                                                HXRange *replacementRange) {
     writing([&] { replaceLocked(range, string, editedRange, affectedRange, replacementRange); });
 }
 
-HXChunk HXMutableString::preparedString(const HXChunk &string) const {
-    if (const HXString *text = string.as<HXString>()) {
+HXReplacement HXMutableString::preparedString(const HXReplacement &string) const {
+    if (const HXString *text = string.string()) {
         // Pasted paragraphs become paragraphs of this string: its markup and what it recognizes,
         // parsed anew where either differs.
         auto copy = text->mutableCopy();
@@ -89,21 +101,22 @@ HXChunk HXMutableString::preparedString(const HXChunk &string) const {
             copy->setMarkup(m_markup);
         if (copy->recognizedDefinitions() != m_recognizedDefinitions)
             copy->setRecognizedDefinitions(m_recognizedDefinitions);
-        return HXChunk(std::static_pointer_cast<HXString>(copy));
+        return HXReplacement(std::shared_ptr<const HXString>(std::move(copy)));
     }
-    return HXChunk(
-        HXXMLStringByRemovingForbiddenCharacters(HXStringByNormalizingLineEnds(string.string())));
+    return HXReplacement(
+        HXXMLStringByRemovingForbiddenCharacters(HXStringByNormalizingLineEnds(string.text())));
 }
 
-void HXMutableString::replaceLocked(HXRange range, const HXChunk &string, HXRange *editedRange,
-                                    HXRange *affectedRange, HXRange *replacementRange) {
+void HXMutableString::replaceLocked(HXRange range, const HXReplacement &string,
+                                    HXRange *editedRange, HXRange *affectedRange,
+                                    HXRange *replacementRange) {
     const quint64 total = HXChunkString::length();
     HX_ASSERT(range.max() <= total, u"Range %@ out of bounds of string of length %lu.",
               range.description(), total);
 
     // 3. The new text, in this markup and without characters the file format can't hold. It
     // comes first here so that the merge below knows whether it ends in a line feed.
-    const HXChunk prepared = preparedString(string);
+    const HXReplacement prepared = preparedString(string);
     if (range.length == 0 && prepared.length() == 0) {
         // Nothing changes: no step for undo, nothing to tell.
         for (HXRange *output : {editedRange, affectedRange, replacementRange}) {
@@ -128,14 +141,14 @@ void HXMutableString::replaceLocked(HXRange range, const HXChunk &string, HXRang
     const HXChunk first = paragraphs.length > 0 ? chunkAtIndex(paragraphs.location) : HXChunk();
     const bool oneParagraph = first && first.length() == paragraphs.length;
     const bool newHasLineFeed =
-        prepared.isPlain() ? prepared.text().contains(QLatin1Char('\n'))
-                           : prepared.as<HXString>()->allChunks().size() > 1 || newEndsInLineFeed;
+        !prepared.string() ? prepared.text().contains(QLatin1Char('\n'))
+                           : prepared.string()->allChunks().size() > 1 || newEndsInLineFeed;
 
     if (oneParagraph && !newHasLineFeed) {
         // 4. One paragraph takes the edit.
         const HXParagraphRef paragraph = first.pointerAs<HXParagraph>();
-        HXChunk text = prepared;
-        if (const HXString *newText = prepared.as<HXString>())
+        HXChunk text = prepared.string() ? HXChunk() : HXChunk(prepared.text());
+        if (const HXString *newText = prepared.string())
             text = newText->allChunks().isEmpty() ? HXChunk(QStringLiteral(""))
                                                   : newText->allChunks().first();
         paragraph->replaceCharactersInRange(
@@ -148,7 +161,7 @@ void HXMutableString::replaceLocked(HXRange range, const HXChunk &string, HXRang
                              paragraph->length() > 0 ? QList<HXChunk>{first} : QList<HXChunk>{});
     } else {
         // 5. The rest of the last paragraph behind the range, with its structure.
-        std::shared_ptr<HXChunkString> rest;
+        HXRef<HXChunkString> rest;
         QList<HXParagraphRef> oldParagraphs;
         enumerateChunksInRange(paragraphs, 0, [&](const HXChunk &chunk, HXRange, bool &) {
             oldParagraphs.append(chunk.pointerAs<HXParagraph>());
@@ -253,8 +266,8 @@ void HXMutableString::setToString(const HXString &other) {
         m_recognizedDefinitions = source->recognizedDefinitions();
         copyChunksFromString(*source);
         clearUndoHistory();
-        notifyObservers(HXNotFoundRange(), HXChunk(), HXNotFoundRange(), HXRange{0, oldLength},
-                        HXRange{0, HXChunkString::length()});
+        notifyObservers(HXNotFoundRange(), HXReplacement(), HXNotFoundRange(),
+                        HXRange{0, oldLength}, HXRange{0, HXChunkString::length()});
     });
 }
 
@@ -277,7 +290,7 @@ void HXMutableString::setMarkup(const std::shared_ptr<HXMarkup> &markup) {
         }
         recomputeIndexes();
         clearUndoHistory();
-        notifyObservers(HXRange{0, oldLength}, HXChunk(), HXRange{0, oldLength},
+        notifyObservers(HXRange{0, oldLength}, HXReplacement(), HXRange{0, oldLength},
                         HXRange{0, oldLength}, HXRange{0, HXChunkString::length()});
     });
 }
@@ -290,7 +303,7 @@ void HXMutableString::setRecognizedDefinitions(HXDefinitionSelector recognizedDe
             chunk.as<HXParagraph>()->setRecognizedDefinitions(recognizedDefinitions);
         recomputeIndexes();
         clearUndoHistory();
-        notifyObservers(HXRange{0, oldLength}, HXChunk(), HXRange{0, oldLength},
+        notifyObservers(HXRange{0, oldLength}, HXReplacement(), HXRange{0, oldLength},
                         HXRange{0, oldLength}, HXRange{0, HXChunkString::length()});
     });
 }
@@ -314,8 +327,8 @@ void HXMutableString::appendParagraph(const HXParagraphRef &paragraph) {
             added += 1;
         }
         appendChunk(HXChunk(paragraph));
-        notifyObservers(HXRange{start, 0}, HXChunk(paragraph), HXRange{start, 0}, HXRange{start, 0},
-                        HXRange{start, added});
+        notifyObservers(HXRange{start, 0}, HXReplacement(paragraph->string()), HXRange{start, 0},
+                        HXRange{start, 0}, HXRange{start, added});
     });
 }
 
@@ -357,7 +370,7 @@ void HXMutableString::forEachObserver(F &&function) {
     }
 }
 
-void HXMutableString::notifyObservers(HXRange range, const HXChunk &replacement,
+void HXMutableString::notifyObservers(HXRange range, const HXReplacement &replacement,
                                       HXRange editedRange, HXRange affectedRange,
                                       HXRange replacementRange) {
     forEachObserver([&](HXStringObserver &observer) {
@@ -442,7 +455,7 @@ void HXMutableString::trackUndoForChangeOfAttributes(const QStringList &attribut
     if (m_undoManager->isUndoing() || m_undoManager->isRedoing()) {
         clearCurrentOperations();
         HXAttributeUndoOperation::commitEditInString(*this, element, attributeIdentifiers);
-        notifyObservers(range, HXChunk(), range, range, range);
+        notifyObservers(range, HXReplacement(), range, range, range);
         return;
     }
     forEachObserver([&](HXStringObserver &observer) {

@@ -39,7 +39,7 @@ public:
     // really exchanged; the affected range, in old coordinates, of changed structure; the
     // replacement range, in new coordinates, of what stands there now.
     using HXString::replaceCharactersInRange;
-    void replaceCharactersInRange(HXRange range, const HXChunk &string,
+    void replaceCharactersInRange(HXRange range, const HXReplacement &string,
                                   HXRange *editedRange = nullptr, HXRange *affectedRange = nullptr,
                                   HXRange *replacementRange = nullptr) override;
     // Takes markup, recognized definitions and a copy of the other's text.
@@ -90,14 +90,14 @@ protected:
     void setMarkupObserved(const std::shared_ptr<HXMarkup> &markup);
 
 private:
-    void notifyObservers(HXRange range, const HXChunk &replacement, HXRange editedRange,
+    void notifyObservers(HXRange range, const HXReplacement &replacement, HXRange editedRange,
                          HXRange affectedRange, HXRange replacementRange);
     template<typename F>
     void forEachObserver(F &&function);
     // The editing door without the lock.
-    void replaceLocked(HXRange range, const HXChunk &string, HXRange *editedRange,
+    void replaceLocked(HXRange range, const HXReplacement &string, HXRange *editedRange,
                        HXRange *affectedRange, HXRange *replacementRange);
-    HXChunk preparedString(const HXChunk &string) const;
+    HXReplacement preparedString(const HXReplacement &string) const;
 
     void clearCurrentOperations();
     void undoGroupOpened();

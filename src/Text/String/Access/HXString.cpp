@@ -5,6 +5,8 @@
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXDescription.h"
+#include "Utilities/HXLineEnds.h"
+#include "Utilities/HXXMLElement.h"
 
 namespace {
 
@@ -15,7 +17,8 @@ bool tagMatchesScopes(const HXTextTagRef &tag, HXDefinitionSelector scopes) {
 } // namespace
 
 HXString::HXString(std::shared_ptr<HXMarkup> markup, HXDefinitionSelector recognizedDefinitions)
-    : m_markup(std::move(markup))
+    : HXChunkString(HXStringObjectKind::String)
+    , m_markup(std::move(markup))
     , m_recognizedDefinitions(recognizedDefinitions) {}
 
 HXString::~HXString() = default;
@@ -23,9 +26,22 @@ HXString::~HXString() = default;
 std::shared_ptr<HXString> HXString::stringWithString(const QString &text,
                                                      const std::shared_ptr<HXMarkup> &markup,
                                                      HXDefinitionSelector recognizedDefinitions) {
-    auto mutableString = HXMutableString::stringWithMarkup(markup, recognizedDefinitions);
-    mutableString->replaceCharactersInRange(HXRange{0, 0}, text);
-    return mutableString->copy();
+    // The text as the editing door would take it in, a paragraph made once for each line and
+    // handed over: none behind a final line feed.
+    const QString prepared =
+        HXXMLStringByRemovingForbiddenCharacters(HXStringByNormalizingLineEnds(text));
+    QList<HXChunk> paragraphs;
+    qsizetype start = 0;
+    while (start < prepared.size()) {
+        qsizetype end = prepared.indexOf(QLatin1Char('\n'), start);
+        end = end < 0 ? prepared.size() : end + 1;
+        paragraphs.append(HXChunk(HXParagraph::paragraphWithString(
+            prepared.sliced(start, end - start), markup, recognizedDefinitions)));
+        start = end;
+    }
+    auto string = std::make_shared<HXString>(markup, recognizedDefinitions);
+    string->setInnerChunks(paragraphs);
+    return string;
 }
 
 std::shared_ptr<HXString> HXString::stringWithTextElement(const HXTextElementRef &element) {
@@ -42,6 +58,14 @@ std::shared_ptr<HXMarkup> HXString::markup() const {
 
 HXDefinitionSelector HXString::recognizedDefinitions() const {
     return reading([&] { return m_recognizedDefinitions; });
+}
+
+quint64 HXReplacement::length() const {
+    return m_string ? m_string->length() : quint64(m_text.size());
+}
+
+QString HXReplacement::characters() const {
+    return m_string ? m_string->string() : m_text;
 }
 
 // --- Reading --------------------------------------------------------------------------------
@@ -63,9 +87,7 @@ QString HXString::string() const {
 }
 
 std::shared_ptr<HXString> HXString::copy() const {
-    return reading([&] {
-        return std::static_pointer_cast<HXString>(copyWithRange(HXRange{0, length()}));
-    });
+    return reading([&] { return stringWithRange(HXRange{0, HXChunkString::length()}); });
 }
 
 std::shared_ptr<HXMutableString> HXString::mutableCopy() const {
@@ -74,12 +96,9 @@ std::shared_ptr<HXMutableString> HXString::mutableCopy() const {
     return copy;
 }
 
-std::shared_ptr<HXChunkString> HXString::copyWithRange(HXRange range) const {
-    return reading([&] {
-        auto copy = std::make_shared<HXString>();
-        copy->initWithChunkString(*this, range);
-        return std::static_pointer_cast<HXChunkString>(copy);
-    });
+HXRef<HXChunkString> HXString::copyWithRange(HXRange) const {
+    HX_ASSERT(false, u"A string is copied with stringWithRange, never as a chunk.");
+    return nullptr;
 }
 
 void HXString::initWithChunkString(const HXChunkString &other, HXRange range) {
@@ -89,12 +108,23 @@ void HXString::initWithChunkString(const HXChunkString &other, HXRange range) {
     m_recognizedDefinitions = source.m_recognizedDefinitions;
 }
 
-std::shared_ptr<HXChunkString> HXString::substringWithRange(HXRange range) const {
-    return copyWithRange(range);
+std::shared_ptr<HXString> HXString::stringWithRange(HXRange range) const {
+    return reading([&] {
+        auto copy = std::make_shared<HXString>();
+        copy->initWithChunkString(*this, range);
+        return copy;
+    });
 }
 
-std::shared_ptr<HXString> HXString::stringWithRange(HXRange range) const {
-    return std::static_pointer_cast<HXString>(copyWithRange(range));
+void HXString::setLockingContext(const std::weak_ptr<HXLockingContext> &context) {
+    m_lockingContext = context;
+    HXChunkString::setLockingContext(context);
+}
+
+void HXString::adopt(const HXChunk &chunk) const {
+    // Only attributes keep the context, and only a string that has one passes it on.
+    if (HXChunkString *nested = chunk.chunkString(); nested && !m_lockingContext.expired())
+        nested->setLockingContext(m_lockingContext);
 }
 
 std::shared_ptr<HXString> HXString::substringWithRanges(const QList<HXRange> &ranges) const {
@@ -544,7 +574,7 @@ QString HXString::previewStringFromRange(HXRange range, quint64 maximumLength) c
 
 void HXString::copyToString(HXMutableString &target) const {
     const std::shared_ptr<HXString> source = copy();
-    target.appendString(HXChunk(source));
+    target.appendString(HXReplacement(source));
 }
 
 void HXString::appendToString(HXMutableString &target, bool insertSeparator) const {
@@ -554,32 +584,33 @@ void HXString::appendToString(HXMutableString &target, bool insertSeparator) con
         if (insertSeparator && end > 0 &&
             target.HXChunkString::characterAtIndex(end - 1) != QLatin1Char('\n'))
             target.replaceCharactersInRange(HXRange{end, 0}, QStringLiteral("\n"));
-        target.appendString(HXChunk(source));
+        target.appendString(HXReplacement(source));
     });
 }
 
 // --- Editing --------------------------------------------------------------------------------
 
-void HXString::replaceCharactersInRange(HXRange, const HXChunk &, HXRange *, HXRange *, HXRange *) {
+void HXString::replaceCharactersInRange(HXRange, const HXReplacement &, HXRange *, HXRange *,
+                                        HXRange *) {
     HX_ASSERT(false, u"Attempt to mutate immutable string!");
 }
 
 void HXString::insertString(const QString &string, quint64 index) {
-    replaceCharactersInRange(HXRange{index, 0}, HXChunk(string));
+    replaceCharactersInRange(HXRange{index, 0}, HXReplacement(string));
 }
 
 void HXString::deleteCharactersInRange(HXRange range) {
-    replaceCharactersInRange(range, HXChunk(QString()));
+    replaceCharactersInRange(range, HXReplacement(QString()));
 }
 
 // Length and edit under one write, so that a change between them can't leave the range stale.
-void HXString::appendString(const HXChunk &string) {
+void HXString::appendString(const HXReplacement &string) {
     writing([&] { replaceCharactersInRange(HXRange{HXChunkString::length(), 0}, string); });
 }
 
 void HXString::setString(const QString &string) {
     writing([&] {
-        replaceCharactersInRange(HXRange{0, HXChunkString::length()}, HXChunk(string));
+        replaceCharactersInRange(HXRange{0, HXChunkString::length()}, HXReplacement(string));
     });
 }
 

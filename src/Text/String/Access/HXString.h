@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Text/Markup/HXDefinition.h"
+#include "Text/String/Access/HXReplacement.h"
 #include "Text/String/Meta/HXBookmark.h"
 #include "Text/String/Nodes/HXParagraph.h"
 #include "Text/String/Nodes/HXTextElement.h"
@@ -27,17 +28,19 @@ enum HXStringEnumerationOptions : quint64 {
 // This class is immutable: its editing operations raise an assertion. It may be read from several
 // threads while nobody changes it; `copy` of a string that does change gives such a tree, which is
 // how text goes to workers. Every operation runs through the string's locking context when it has
-// one (see HXAtomicString).
-class HXString : public HXChunkString {
+// one (see HXAtomicString), which it passes on to the attributes of its elements.
+//
+// Unlike its nodes, a string is held by std::shared_ptr, and is never a chunk of another string.
+class HXString : public HXChunkString, public std::enable_shared_from_this<HXString> {
 public:
     // Mutable and locked strings are of this kind too; they are told apart by a cast.
     using KindOwner = HXString;
     static constexpr bool matchesKind(HXStringObjectKind kind) {
         return kind == HXStringObjectKind::String;
     }
-    HXStringObjectKind objectKind() const override { return HXStringObjectKind::String; }
 
-    HXString() = default;
+    HXString()
+        : HXChunkString(HXStringObjectKind::String) {}
     explicit HXString(std::shared_ptr<HXMarkup> markup,
                       HXDefinitionSelector recognizedDefinitions = HXDefaultDefinitionSelector);
     ~HXString() override;
@@ -61,9 +64,7 @@ public:
     // Always an immutable string of the whole text, independent of this one.
     std::shared_ptr<HXString> copy() const;
     std::shared_ptr<HXMutableString> mutableCopy() const;
-    std::shared_ptr<HXChunkString> copyWithRange(HXRange range) const override;
     // A structured copy of the range, of the same markup.
-    std::shared_ptr<HXChunkString> substringWithRange(HXRange range) const override;
     std::shared_ptr<HXString> stringWithRange(HXRange range) const;
     // The pieces of the ranges one after another, each but the last ending in a line feed;
     // bookmarks stay behind.
@@ -137,17 +138,17 @@ public:
 
     // --- Editing: only mutable strings -------------------------------------------------------
     virtual bool isMutable() const { return false; }
-    virtual void replaceCharactersInRange(HXRange range, const HXChunk &string,
+    virtual void replaceCharactersInRange(HXRange range, const HXReplacement &string,
                                           HXRange *editedRange = nullptr,
                                           HXRange *affectedRange = nullptr,
                                           HXRange *replacementRange = nullptr);
     void replaceCharactersInRange(HXRange range, const QString &string) override {
-        replaceCharactersInRange(range, HXChunk(string));
+        replaceCharactersInRange(range, HXReplacement(string));
     }
     void insertString(const QString &string, quint64 index);
     void deleteCharactersInRange(HXRange range);
-    void appendString(const QString &string) { appendString(HXChunk(string)); }
-    void appendString(const HXChunk &string);
+    void appendString(const QString &string) { appendString(HXReplacement(string)); }
+    void appendString(const HXReplacement &string);
     void setString(const QString &string);
 
     bool isEqualToChunkString(const HXChunkString &other) const override;
@@ -155,8 +156,16 @@ public:
     QString description() const override;
     void checkInvariants(bool deep = true) const override;
 
+    const std::weak_ptr<HXLockingContext> &lockingContext() const { return m_lockingContext; }
+    // Keeps the context and passes it on to the elements' attributes.
+    void setLockingContext(const std::weak_ptr<HXLockingContext> &context) override;
+
 protected:
     void initWithChunkString(const HXChunkString &other, HXRange range) override;
+    // A paragraph that enters the string: its elements' attributes get the locking context.
+    void adopt(const HXChunk &chunk) const override;
+    // Strings are copied as strings, never as chunks.
+    HXRef<HXChunkString> copyWithRange(HXRange range) const override;
 
     // Runs the block under the read or the write lock of the locking context, if there is one.
     template<typename F>
@@ -171,6 +180,9 @@ protected:
 
     std::shared_ptr<HXMarkup> m_markup;
     HXDefinitionSelector m_recognizedDefinitions = HXDefaultDefinitionSelector;
+
+private:
+    std::weak_ptr<HXLockingContext> m_lockingContext;
 };
 
 template<typename F>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Text/String/Implementation/HXChunk.h"
+#include "Text/String/Access/HXReplacement.h"
 #include "Utilities/HXRange.h"
 
 class HXString;
@@ -14,8 +14,9 @@ public:
     // Characters of `range` were replaced by `replacement`; the three ranges as the one editing
     // operation gives them. After a whole new text the range is not-found.
     virtual void stringChangedCharactersInRange(HXString &string, HXRange range,
-                                                const HXChunk &replacement, HXRange editedRange,
-                                                HXRange affectedRange, HXRange replacementRange) {
+                                                const HXReplacement &replacement,
+                                                HXRange editedRange, HXRange affectedRange,
+                                                HXRange replacementRange) {
         Q_UNUSED(string);
         Q_UNUSED(range);
         Q_UNUSED(replacement);

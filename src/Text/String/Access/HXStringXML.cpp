@@ -292,7 +292,7 @@ protected:
 class ElementReader : public ChunkReader {
 public:
     using ChunkReader::ChunkReader;
-    std::shared_ptr<HXTextElement> element = std::make_shared<HXTextElement>();
+    HXRef<HXTextElement> element = HXRef<HXTextElement>::make();
 
     bool readerWillStartElement(const QString &, const HXXMLAttributes &attributes,
                                 HXError *error) override {
@@ -373,7 +373,7 @@ bool ChunkReader::endChunkChild(const std::shared_ptr<HXXMLReading> &child) {
     if (std::dynamic_pointer_cast<AttributeCollector>(child))
         return true;
     if (const auto escape = std::dynamic_pointer_cast<TextCollector>(child)) {
-        target().appendChunk(HXChunk(std::make_shared<HXEscapeAtom>(escape->text)));
+        target().appendChunk(HXChunk(HXRef<HXEscapeAtom>::make(escape->text)));
         return true;
     }
     return true;

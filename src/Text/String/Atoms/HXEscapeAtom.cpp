@@ -4,7 +4,8 @@
 #include "Utilities/HXAssert.h"
 
 HXEscapeAtom::HXEscapeAtom(const QString &string)
-    : m_string(string) {
+    : HXStringObject(HXStringObjectKind::EscapeAtom)
+    , m_string(string) {
     HX_ASSERT(string.size() >= 2, u"Invalid parameter not satisfying: %s", "aString.length >= 2");
 }
 

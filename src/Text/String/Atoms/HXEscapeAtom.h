@@ -15,7 +15,6 @@ public:
     static constexpr bool matchesKind(HXStringObjectKind kind) {
         return kind == HXStringObjectKind::EscapeAtom;
     }
-    HXStringObjectKind objectKind() const override { return HXStringObjectKind::EscapeAtom; }
 
     explicit HXEscapeAtom(const QString &string);
 

@@ -1,33 +1,94 @@
 #include "Text/String/Atoms/HXTextAtom.h"
 
 #include "Text/String/Implementation/HXChunk.h"
-#include "Text/String/Nodes/HXParagraph.h"
-#include "Text/String/Nodes/HXTextElement.h"
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXAssert.h"
 
-HXTextAtom::HXTextAtom(HXTextNode *node, quint64 part, HXTextTagRef tag)
-    : m_tag(std::move(tag))
-    , m_part(quint8(part)) {
-    if (node) {
-        m_node = node->weak_from_this();
-        m_nodeIsParagraph = dynamic_cast<HXParagraph *>(node) != nullptr;
+#include <QHash>
+
+#include <algorithm>
+#include <tuple>
+
+namespace {
+
+// The atoms made on this thread, by their fields; a tag's atoms are few, and the table is
+// emptied when it grows large all the same.
+struct AtomKey {
+    const HXTextTag *tag;
+    quint8 part;
+    bool paragraph;
+    QString pattern;
+    QString string;
+    friend bool operator==(const AtomKey &a, const AtomKey &b) {
+        return a.tag == b.tag && a.part == b.part && a.paragraph == b.paragraph &&
+               a.string.isNull() == b.string.isNull() && a.string == b.string &&
+               a.pattern == b.pattern;
     }
+};
+
+size_t qHash(const AtomKey &key, size_t seed = 0) {
+    return ::qHash(key.string, seed) ^ std::hash<const void *>()(key.tag) ^ (key.part << 1) ^
+           size_t(key.paragraph);
 }
 
-std::shared_ptr<HXTextAtom> HXTextAtom::atomWithTextElement(HXTextNode &element, quint64 part,
-                                                            const QString &string) {
-    auto *textElement = dynamic_cast<HXTextElement *>(&element);
-    auto atom = std::make_shared<HXTextAtom>(&element, part,
-                                             textElement ? textElement->tag() : HXTextTagRef());
-    atom->initRepresentationsWithString(string, {});
+} // namespace
+
+HXTextAtom::HXTextAtom(HXTextTagRef tag, quint8 part, bool paragraph, QString pattern,
+                       QString string)
+    : HXStringObject(HXStringObjectKind::TextAtom)
+    , m_pattern(std::move(pattern))
+    , m_string(std::move(string))
+    , m_tag(std::move(tag))
+    , m_part(part)
+    , m_paragraph(paragraph) {}
+
+HXRef<HXTextAtom> HXTextAtom::shared(const HXTextTagRef &tag, quint8 part, bool paragraph,
+                                     const QString &pattern, const QString &string) {
+    thread_local QHash<AtomKey, HXRef<HXTextAtom>> atoms;
+    AtomKey key{tag.get(), part, paragraph, pattern, string};
+    const auto found = atoms.constFind(key);
+    // The tag is compared by address: an atom of a tag that went away can't stand for a new
+    // tag at the same address.
+    if (found != atoms.constEnd() && (*found)->m_tag == tag)
+        return *found;
+    if (atoms.size() > 4096)
+        atoms.clear();
+    HXRef<HXTextAtom> atom(new HXTextAtom(tag, part, paragraph, pattern, string));
+    atoms.insert(std::move(key), atom);
     return atom;
 }
 
-std::shared_ptr<HXTextAtom>
-HXTextAtom::atomWithParagraph(HXTextNode &paragraph, const HXTextTagRef &tag, const QString &string,
-                              const HXIndexProvider &indexProvider, qsizetype level) {
-    auto atom = std::make_shared<HXTextAtom>(&paragraph, 0, tag);
+HXRef<HXTextAtom> HXTextAtom::atomForString(const HXTextTagRef &tag, quint8 part, bool paragraph,
+                                            bool entity, const QString &string,
+                                            const std::function<quint64()> &indexer) {
+    if (!paragraph && entity)
+        return shared(tag, part, paragraph, QString(), QString());
+    const bool isIndentation = paragraph && !tag;
+    const QString matching =
+        tag || isIndentation
+            ? HXTextParser::stringMatchingPart(qsizetype(part), tag.get(), string, indexer)
+            : QString();
+    QString text = string, pattern;
+    if (!matching.isNull()) {
+        text = matching;
+        pattern = HXTextParser::patternForPart(qsizetype(part), tag.get());
+    }
+    // Only an entity's atom is without text; an element that has lost its tag keeps the text it
+    // had, or none.
+    if (!paragraph && text.isNull())
+        text = QStringLiteral("");
+    HX_ASSERT(!paragraph || !text.isNull(), u"Nil string disallowed for paragraphs");
+    return shared(tag, part, paragraph, pattern, text);
+}
+
+HXRef<HXTextAtom> HXTextAtom::atomWithTextElement(const HXTextTagRef &tag, quint64 part,
+                                                  bool entity, const QString &string) {
+    return atomForString(tag, quint8(part), false, entity, string, {});
+}
+
+HXRef<HXTextAtom> HXTextAtom::atomWithParagraph(const HXTextTagRef &tag, const QString &string,
+                                                const HXIndexProvider &indexProvider,
+                                                qsizetype level) {
     std::function<quint64()> indexer;
     if (indexProvider) {
         indexer = [&] {
@@ -35,23 +96,12 @@ HXTextAtom::atomWithParagraph(HXTextNode &paragraph, const HXTextTagRef &tag, co
             return index > 0 ? index : 1;
         };
     }
-    atom->initRepresentationsWithString(string, indexer);
-    return atom;
+    return atomForString(tag, 0, true, false, string, indexer);
 }
 
-std::shared_ptr<HXTextAtom> HXTextAtom::copyOfAtom(const HXTextAtom &atom, HXTextNode &node) {
-    auto copy = std::make_shared<HXTextAtom>(atom);
-    copy->m_node = node.weak_from_this();
-    copy->m_nodeIsParagraph = dynamic_cast<HXParagraph *>(&node) != nullptr;
-    return copy;
-}
-
-std::shared_ptr<HXTextAtom> HXTextAtom::copyOfAtom(const HXTextAtom &atom, const HXTextTagRef &tag,
-                                                   const HXIndexProvider &indexProvider,
-                                                   qsizetype level, const QString &string) {
-    auto copy = std::make_shared<HXTextAtom>(atom);
-    copy->m_tag = tag;
-    copy->m_pattern = QString();
+HXRef<HXTextAtom> HXTextAtom::copyOfAtom(const HXTextAtom &atom, const HXTextTagRef &tag,
+                                         const HXIndexProvider &indexProvider, qsizetype level,
+                                         const QString &string, bool entity) {
     const QString present = string.isNull() ? atom.m_string : string;
     // The number is read from the present text by the pattern it was made from; without one
     // there the provider gives it, and 1 is the last resort.
@@ -62,41 +112,12 @@ std::shared_ptr<HXTextAtom> HXTextAtom::copyOfAtom(const HXTextAtom &atom, const
         const quint64 provided = indexProvider ? indexProvider(level) : 0;
         return provided > 0 ? provided : 1;
     };
-    copy->initRepresentationsWithString(present, indexer);
+    HXRef<HXTextAtom> copy =
+        atomForString(tag, atom.m_part, atom.m_paragraph, entity, present, indexer);
+    // A text the old pattern made that the new tag can't make: the copy has no tag.
     if (!atom.m_pattern.isNull() && copy->m_pattern.isNull())
-        copy->m_tag = nullptr;
+        copy = shared(nullptr, copy->m_part, copy->m_paragraph, copy->m_pattern, copy->m_string);
     return copy;
-}
-
-void HXTextAtom::initRepresentationsWithString(const QString &string,
-                                               const std::function<quint64()> &indexer) {
-    if (!m_nodeIsParagraph) {
-        const auto element = std::dynamic_pointer_cast<HXTextElement>(node());
-        if (element && element->isEntity()) {
-            m_string = QString();
-            return;
-        }
-    }
-    const bool isIndentation = m_nodeIsParagraph && !m_tag;
-    const QString matching =
-        m_tag || isIndentation
-            ? HXTextParser::stringMatchingPart(qsizetype(m_part), m_tag.get(), string, indexer)
-            : QString();
-    if (!matching.isNull()) {
-        m_string = matching;
-        m_pattern = HXTextParser::patternForPart(qsizetype(m_part), m_tag.get());
-    } else {
-        m_string = string;
-    }
-    // Only an entity's atom is without text; an element that has lost its tag keeps the text it
-    // had, or none.
-    if (!m_nodeIsParagraph && m_string.isNull())
-        m_string = QStringLiteral("");
-    HX_ASSERT(!m_nodeIsParagraph || !m_string.isNull(), u"Nil string disallowed for paragraphs");
-}
-
-std::shared_ptr<HXTextNode> HXTextAtom::node() const {
-    return std::dynamic_pointer_cast<HXTextNode>(m_node.lock());
 }
 
 QChar HXTextAtom::characterAtIndex(quint64 index) const {

@@ -4,51 +4,70 @@
 #include "Utilities/HXAssert.h"
 
 #include <cstring>
+#include <limits>
+
+HXChunk::HXChunk(QStringView text) {
+    HXTextBuffer *made = text.size() == 1 && text.front() == u'\n' ? HXTextBuffer::lineFeed()
+                         : text.isEmpty()                          ? HXTextBuffer::empty()
+                                                                   : HXTextBuffer::make(text);
+    made->retain();
+    m_pointer = reinterpret_cast<quintptr>(made) | plainBit;
+    m_length = made->size();
+}
+
+HXChunk::HXChunk(HXTextBuffer *buffer, quint32 offset, quint32 length)
+    : m_pointer(reinterpret_cast<quintptr>(buffer) | plainBit)
+    , m_offset(offset)
+    , m_length(length) {
+    HX_ASSERT(buffer && quint64(offset) + length <= buffer->size(),
+              u"Range {%u, %u} out of bounds of a buffer.", offset, length);
+    buffer->retain();
+}
+
+HXChunk::HXChunk(HXStringObject *object)
+    : m_pointer(reinterpret_cast<quintptr>(object)) {
+    if (!object)
+        return;
+    HX_ASSERT(object->objectKind() != HXStringObjectKind::String,
+              u"The string of a sheet can't stand as a chunk.");
+    object->retain();
+    setRecordedLength(object->length());
+}
+
+void HXChunk::setRecordedLength(quint64 length) {
+    HX_ASSERT(length <= std::numeric_limits<quint32>::max(),
+              u"A chunk of %lu code units is too long.", length);
+    m_length = quint32(length);
+}
 
 QChar HXChunk::characterAtIndex(quint64 index) const {
     if (isPlain()) {
-        const QString &plain = std::get<1>(m_value);
-        HX_ASSERT(index < quint64(plain.size()), u"Range or index out of bounds %lu", index);
-        return plain.at(qsizetype(index));
+        HX_ASSERT(index < m_length, u"Range or index out of bounds %lu", index);
+        return QChar(buffer()->units()[m_offset + index]);
     }
     HX_ASSERT(isObject(), u"Range or index out of bounds %lu", index);
-    return std::get<2>(m_value)->characterAtIndex(index);
+    return object()->characterAtIndex(index);
 }
 
-void HXChunk::getCharacters(QChar *buffer, HXRange range) const {
+void HXChunk::getCharacters(QChar *destination, HXRange range) const {
     if (range.length == 0)
         return;
     if (isPlain()) {
-        const QString &plain = std::get<1>(m_value);
-        HX_ASSERT(range.max() <= quint64(plain.size()), u"Range or index out of bounds %@",
-                  range.description());
-        std::memcpy(static_cast<void *>(buffer), plain.constData() + range.location,
+        HX_ASSERT(range.max() <= m_length, u"Range or index out of bounds %@", range.description());
+        std::memcpy(static_cast<void *>(destination), buffer()->units() + m_offset + range.location,
                     range.length * sizeof(QChar));
         return;
     }
     HX_ASSERT(isObject(), u"Range or index out of bounds %@", range.description());
-    std::get<2>(m_value)->getCharacters(buffer, range);
+    object()->getCharacters(destination, range);
 }
 
 QString HXChunk::string() const {
-    switch (m_value.index()) {
-    case 1:
-        return std::get<1>(m_value);
-    case 2:
-        return std::get<2>(m_value)->string();
-    default:
-        return QString();
-    }
-}
-
-const QString &HXChunk::text() const {
-    static const QString empty;
-    return isPlain() ? std::get<1>(m_value) : empty;
-}
-
-const std::shared_ptr<HXStringObject> &HXChunk::objectPointer() const {
-    static const std::shared_ptr<HXStringObject> none;
-    return isObject() ? std::get<2>(m_value) : none;
+    if (isPlain())
+        return view().toString();
+    if (isObject())
+        return object()->string();
+    return QString();
 }
 
 HXChunkString *HXChunk::chunkString() const {
@@ -56,13 +75,9 @@ HXChunkString *HXChunk::chunkString() const {
 }
 
 bool HXChunk::isIdenticalTo(const HXChunk &other) const {
-    if (isObject())
-        return other.isObject() && object() == other.object();
-    if (isPlain() && other.isPlain()) {
-        const QString &a = std::get<1>(m_value), &b = std::get<1>(other.m_value);
-        return a.size() == b.size() && a.constData() == b.constData();
-    }
-    return false;
+    if (isNull() || m_pointer != other.m_pointer)
+        return false;
+    return isObject() || (m_offset == other.m_offset && m_length == other.m_length);
 }
 
 bool HXChunk::isEqual(const HXChunk &other) const {
@@ -70,16 +85,17 @@ bool HXChunk::isEqual(const HXChunk &other) const {
         return object()->isEqual(other);
     if (isPlain()) {
         if (other.isPlain())
-            return std::get<1>(m_value) == std::get<1>(other.m_value);
-        return !other.isNull() && std::get<1>(m_value) == other.string();
+            return view() == other.view();
+        return !other.isNull() && view() == other.string();
     }
     return other.isNull();
 }
 
 HXChunk HXChunk::substringWithRange(HXRange range) const {
-    if (isPlain())
-        return HXChunk(
-            std::get<1>(m_value).mid(qsizetype(range.location), qsizetype(range.length)));
+    if (isPlain()) {
+        HX_ASSERT(range.max() <= m_length, u"Range or index out of bounds %@", range.description());
+        return HXChunk(buffer(), m_offset + quint32(range.location), quint32(range.length));
+    }
     if (isObject())
         return object()->substringChunkWithRange(range);
     return HXChunk();
@@ -91,7 +107,7 @@ HXChunk HXChunk::copy() const {
 
 QString HXChunk::description() const {
     if (isPlain())
-        return QLatin1Char('"') + std::get<1>(m_value) + QLatin1Char('"');
+        return QLatin1Char('"') + view().toString() + QLatin1Char('"');
     if (isObject())
         return object()->description();
     return QStringLiteral("(null)");

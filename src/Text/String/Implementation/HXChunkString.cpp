@@ -7,7 +7,11 @@
 
 #include <typeinfo>
 
-HXChunkString::HXChunkString() = default;
+HXChunkString::HXChunkString()
+    : HXStringObject(HXStringObjectKind::ChunkString) {}
+
+HXChunkString::HXChunkString(HXStringObjectKind kind)
+    : HXStringObject(kind) {}
 
 HXChunkString::~HXChunkString() = default;
 
@@ -17,7 +21,7 @@ QChar HXChunkString::characterAtIndex(quint64 index) const {
     HX_ASSERT(index < length(), u"Range or index out of bounds %lu", index);
     quint64 key = 0;
     const HXChunkMap::Cursor cursor = m_map.floor(index, &key);
-    return m_map.at(cursor).chunk.characterAtIndex(index - key);
+    return m_map.at(cursor).characterAtIndex(index - key);
 }
 
 void HXChunkString::getCharacters(QChar *buffer, HXRange range) const {
@@ -27,11 +31,11 @@ void HXChunkString::getCharacters(QChar *buffer, HXRange range) const {
     quint64 key = 0;
     const HXChunkMap::Cursor first = m_map.floor(range.location, &key);
     const quint64 end = range.max();
-    m_map.walk(first, false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &entry, quint64 at) {
-        const HXRange part = HXIntersectionRange(range, HXRange{at, entry.length});
-        entry.chunk.getCharacters(buffer + (part.location - range.location),
-                                  HXRange{part.location - at, part.length});
-        return at + entry.length < end;
+    m_map.walk(first, false, [&](HXChunkMap::Cursor, const HXChunk &entry, quint64 at) {
+        const HXRange part = HXIntersectionRange(range, HXRange{at, entry.recordedLength()});
+        entry.getCharacters(buffer + (part.location - range.location),
+                            HXRange{part.location - at, part.length});
+        return at + entry.recordedLength() < end;
     });
 }
 
@@ -55,7 +59,7 @@ HXChunk HXChunkString::chunkAtIndex(quint64 index) const {
     HXChunkMap::Cursor cursor;
     if (!m_map.findKey(index, &cursor) || m_map.isEnd(cursor))
         return HXChunk();
-    return m_map.at(cursor).chunk;
+    return m_map.at(cursor);
 }
 
 HXChunk HXChunkString::lastChunk() const {
@@ -63,14 +67,14 @@ HXChunk HXChunkString::lastChunk() const {
         return HXChunk();
     HXChunkMap::Cursor cursor = m_map.end();
     m_map.previous(cursor);
-    return m_map.at(cursor).chunk;
+    return m_map.at(cursor);
 }
 
 QList<HXChunk> HXChunkString::allChunks() const {
     QList<HXChunk> chunks;
     chunks.reserve(m_map.count());
-    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64) {
-        chunks.append(e.chunk);
+    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunk &entry, quint64) {
+        chunks.append(entry);
         return true;
     });
     return chunks;
@@ -78,23 +82,21 @@ QList<HXChunk> HXChunkString::allChunks() const {
 
 QList<HXChunk> HXChunkString::innerChunks() const {
     QList<HXChunk> chunks = allChunks();
-    if (!chunks.isEmpty() && m_headChunk && chunks.first().isIdenticalTo(m_headChunk))
+    if (!chunks.isEmpty() && hasHeadChunk())
         chunks.removeFirst();
-    if (!chunks.isEmpty() && m_tailChunk && chunks.last().isIdenticalTo(m_tailChunk))
+    if (!chunks.isEmpty() && hasTailChunk())
         chunks.removeLast();
     return chunks;
 }
 
 HXRange HXChunkString::innerChunkRange() const {
     quint64 start = 0, end = length();
-    if (!m_map.isEmpty() && m_headChunk && m_map.at(m_map.begin()).chunk.isIdenticalTo(m_headChunk))
-        start = m_map.at(m_map.begin()).length;
-    if (!m_map.isEmpty() && m_tailChunk) {
+    if (hasHeadChunk())
+        start = m_map.at(m_map.begin()).recordedLength();
+    if (hasTailChunk()) {
         HXChunkMap::Cursor last = m_map.end();
         m_map.previous(last);
-        if (m_map.at(last).chunk.isIdenticalTo(m_tailChunk) &&
-            (last != m_map.begin() || !m_headChunk))
-            end -= m_map.at(last).length;
+        end -= m_map.at(last).recordedLength();
     }
     return HXRange{start, end >= start ? end - start : 0};
 }
@@ -105,7 +107,7 @@ HXRange HXChunkString::chunkRangeForRange(HXRange range) const {
     if (range.length == 0) {
         if (m_map.isEnd(first))
             return HXRange{start, 0};
-        return HXRange{start, m_map.at(first).length};
+        return HXRange{start, m_map.at(first).recordedLength()};
     }
     const quint64 end = chunkIndexGreaterThanOrEqualToIndex(range.max());
     HX_ASSERT(end != HXNotFound, u"Range %@ out of bounds of chunk string of length %lu.",
@@ -130,7 +132,7 @@ quint64 HXChunkString::chunkIndexGreaterThanOrEqualToIndex(quint64 index) const 
     const HXChunkMap::Cursor cursor = m_map.floor(index, &key);
     if (key == index)
         return key;
-    return key + m_map.at(cursor).length;
+    return key + m_map.at(cursor).recordedLength();
 }
 
 quint64 HXChunkString::chunkIndexGreaterThanIndex(quint64 index) const {
@@ -141,99 +143,108 @@ quint64 HXChunkString::chunkIndexGreaterThanIndex(quint64 index) const {
 
 // --- Changing -------------------------------------------------------------------------------
 
-void HXChunkString::adopt(const HXChunk &chunk) const {
-    if (HXChunkString *nested = chunk.chunkString())
-        nested->setLockingContext(m_lockingContext);
-}
-
-std::vector<HXChunkMap::Entry> HXChunkString::entriesForChunks(const QList<HXChunk> &chunks) const {
-    std::vector<HXChunkMap::Entry> entries;
+std::vector<HXChunk> HXChunkString::entriesForChunks(const QList<HXChunk> &chunks) const {
+    std::vector<HXChunk> entries;
     entries.reserve(size_t(chunks.size()));
     for (const HXChunk &chunk : chunks) {
         HX_ASSERT(!chunk.isNull(), u"Chunks must be kind of NSString (subclasses)!");
         const quint64 chunkLength = chunk.length();
         HX_ASSERT(chunkLength > 0, u"Chunks must be non-zero length!");
         adopt(chunk);
-        entries.push_back(HXChunkMap::Entry{chunk, chunkLength});
+        entries.push_back(chunk);
+        entries.back().setRecordedLength(chunkLength);
     }
     return entries;
 }
 
 void HXChunkString::replaceChunksInRange(HXRange range, const QList<HXChunk> &chunks) {
-    std::vector<HXChunkMap::Entry> entries = entriesForChunks(chunks);
+    std::vector<HXChunk> entries = entriesForChunks(chunks);
+    const quint64 total = length();
     const HXChunkMap::Cursor from = cursorAtKey(range.location);
     const HXChunkMap::Cursor to = range.length == 0 ? from : cursorAtKey(range.max());
+    // A splice that takes or covers the first or last chunk takes the head or tail with it.
+    const bool touches = range.length > 0 || !entries.empty();
+    if (touches && range.location == 0)
+        setFlag(headFlag, false);
+    if (touches && range.max() == total)
+        setFlag(tailFlag, false);
     m_map.replace(from, to, std::move(entries));
 }
 
 void HXChunkString::setInnerChunks(const QList<HXChunk> &chunks) {
     QList<HXChunk> all;
     all.reserve(chunks.size() + 2);
-    if (m_headChunk)
-        all.append(m_headChunk);
+    const HXChunk head = headChunk(), tail = tailChunk();
+    if (head)
+        all.append(head);
     all.append(chunks);
-    if (m_tailChunk)
-        all.append(m_tailChunk);
+    if (tail)
+        all.append(tail);
     m_map.assign(entriesForChunks(all));
 }
 
 void HXChunkString::setHeadChunk(const HXChunk &chunk) {
     const HXChunk replacement = chunk && chunk.length() > 0 ? chunk : HXChunk();
-    const HXChunk first = firstChunk();
-    if (m_headChunk && first.isIdenticalTo(m_headChunk)) {
-        const quint64 oldLength = m_map.at(m_map.begin()).length;
+    if (hasHeadChunk()) {
+        const HXChunk first = firstChunk();
+        const quint64 oldLength = m_map.at(m_map.begin()).recordedLength();
+        const bool tail = hasTailChunk();
         if (replacement.length() != oldLength) {
             replaceChunksInRange(HXRange{0, oldLength},
                                  replacement ? QList<HXChunk>{replacement} : QList<HXChunk>{});
+            setFlag(tailFlag, tail && !m_map.isEmpty());
         } else if (!replacement.isIdenticalTo(first)) {
             adopt(replacement);
             m_map.setChunk(m_map.begin(), replacement);
         }
     } else if (replacement) {
+        const bool tail = hasTailChunk();
         if (length() > 0)
             replaceChunksInRange(HXRange{0, 0}, {replacement});
         else
             appendChunk(replacement);
+        setFlag(tailFlag, tail);
     }
-    m_headChunk = replacement;
+    setFlag(headFlag, bool(replacement));
 }
 
 void HXChunkString::setTailChunk(const HXChunk &chunk) {
     const HXChunk replacement = chunk && chunk.length() > 0 ? chunk : HXChunk();
-    const HXChunk last = lastChunk();
-    const bool tailInPlace =
-        m_tailChunk && last.isIdenticalTo(m_tailChunk) && !(m_map.count() == 1 && m_headChunk);
-    if (tailInPlace) {
+    const bool head = hasHeadChunk();
+    if (hasTailChunk()) {
         HXChunkMap::Cursor cursor = m_map.end();
         m_map.previous(cursor);
-        const quint64 oldLength = m_map.at(cursor).length;
+        const quint64 oldLength = m_map.at(cursor).recordedLength();
         if (replacement.length() != oldLength) {
             replaceChunksInRange(HXRange{length() - oldLength, oldLength},
                                  replacement ? QList<HXChunk>{replacement} : QList<HXChunk>{});
-        } else if (!replacement.isIdenticalTo(last)) {
+        } else if (!replacement.isIdenticalTo(m_map.at(cursor))) {
             adopt(replacement);
             m_map.setChunk(cursor, replacement);
         }
     } else if (replacement) {
-        m_tailChunk = HXChunk(); // so that the new chunk goes behind the inner ones
-        appendChunk(replacement);
+        // Behind the inner chunks: with no tail yet, that is the end.
+        replaceChunksInRange(HXRange{length(), 0}, {replacement});
     }
-    m_tailChunk = replacement;
+    // A head that is the only chunk can't be the tail as well.
+    setFlag(headFlag, head && !m_map.isEmpty());
+    setFlag(tailFlag, bool(replacement) && !(head && m_map.count() == 1));
 }
 
 void HXChunkString::appendChunk(const HXChunk &chunk) {
     if (chunk.isNull() || chunk.length() == 0)
         return;
-    const HXRange inner = innerChunkRange();
-    const bool hasTail = m_tailChunk && inner.max() < length();
-    const quint64 at = hasTail ? inner.max() : length();
+    const bool head = hasHeadChunk(), tail = hasTailChunk();
+    const quint64 at = tail ? innerChunkRange().max() : length();
     replaceChunksInRange(HXRange{at, 0}, {chunk});
+    setFlag(headFlag, head);
+    setFlag(tailFlag, tail);
 }
 
 void HXChunkString::appendChunkString(const HXChunkString &other) {
     other.m_map.walk(other.m_map.begin(), false,
-                     [&](HXChunkMap::Cursor, const HXChunkMap::Entry &entry, quint64) {
-                         appendChunk(entry.chunk);
+                     [&](HXChunkMap::Cursor, const HXChunk &entry, quint64) {
+                         appendChunk(entry);
                          return true;
                      });
 }
@@ -245,70 +256,70 @@ void HXChunkString::clear() {
 void HXChunkString::recomputeIndexes() {
     if (m_map.isEmpty())
         return;
-    std::vector<HXChunkMap::Entry> entries;
+    std::vector<HXChunk> entries;
     entries.reserve(size_t(m_map.count()));
-    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64) {
+    qsizetype ordinal = 0;
+    const qsizetype count = m_map.count();
+    bool head = hasHeadChunk(), tail = hasTailChunk();
+    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunk &entry, quint64) {
         // A chunk that has become empty in place would share its key with the next one; like a
-        // map entry overwritten under the same key, it goes.
-        const quint64 present = e.chunk.length();
-        if (present > 0)
-            entries.push_back(HXChunkMap::Entry{e.chunk, present});
+        // map entry overwritten under the same key, it goes, and a head or tail with it.
+        const quint64 present = entry.length();
+        if (present > 0) {
+            entries.push_back(entry);
+            entries.back().setRecordedLength(present);
+        } else if (ordinal == 0) {
+            head = false;
+        } else if (ordinal == count - 1) {
+            tail = false;
+        }
+        ++ordinal;
         return true;
     });
     m_map.assign(std::move(entries));
+    setFlag(headFlag, head && !m_map.isEmpty());
+    setFlag(tailFlag, tail && !m_map.isEmpty() && !(head && m_map.count() == 1));
 }
 
 void HXChunkString::copyChunksFromString(const HXChunkString &source) {
-    std::vector<HXChunkMap::Entry> entries;
+    std::vector<HXChunk> entries;
     entries.reserve(size_t(source.m_map.count()));
-    HXChunk head, tail;
-    const qsizetype count = source.m_map.count();
-    qsizetype ordinal = 0;
     source.m_map.walk(source.m_map.begin(), false,
-                      [&](HXChunkMap::Cursor, const HXChunkMap::Entry &entry, quint64) {
-                          HXChunk copied = entry.chunk.copy();
-                          if (ordinal == 0 && source.m_headChunk &&
-                              entry.chunk.isIdenticalTo(source.m_headChunk))
-                              head = copied;
-                          else if (ordinal == count - 1 && source.m_tailChunk &&
-                                   entry.chunk.isIdenticalTo(source.m_tailChunk))
-                              tail = copied;
+                      [&](HXChunkMap::Cursor, const HXChunk &entry, quint64) {
+                          HXChunk copied = entry.copy();
                           adopt(copied);
-                          entries.push_back(HXChunkMap::Entry{std::move(copied), entry.length});
-                          ++ordinal;
+                          copied.setRecordedLength(entry.recordedLength());
+                          entries.push_back(std::move(copied));
                           return true;
                       });
     m_map.assign(std::move(entries));
-    m_headChunk = head;
-    m_tailChunk = tail;
+    setFlag(headFlag, source.hasHeadChunk());
+    setFlag(tailFlag, source.hasTailChunk());
 }
 
 void HXChunkString::copyChunksFromString(const HXChunkString &source, HXRange range) {
     m_map.assign({});
-    m_headChunk = HXChunk();
-    m_tailChunk = HXChunk();
+    setFlag(headFlag, false);
+    setFlag(tailFlag, false);
     source.enumerateChunksInRange(
         range, HXChunkEnumerationClippedToRange | HXChunkEnumerationCopyingChunks,
         [&](const HXChunk &chunk, HXRange, bool &) { appendChunk(chunk); });
 
     const HXRange sourceInner = source.innerChunkRange();
-    const bool sourceHasHead = source.m_headChunk && sourceInner.location > 0;
-    const bool sourceHasTail = source.m_tailChunk && sourceInner.max() < source.length();
     const quint64 headLength = sourceInner.location;
     const quint64 tailLength = source.length() - sourceInner.max();
-    if (sourceHasHead && range.location == 0 && headLength <= range.length)
-        m_headChunk = firstChunk();
-    if (sourceHasTail && range.max() == source.length() &&
-        range.location <= source.length() - tailLength && m_map.count() > (m_headChunk ? 1 : 0))
-        m_tailChunk = lastChunk();
+    const bool head = source.hasHeadChunk() && range.location == 0 && headLength > 0 &&
+                      headLength <= range.length;
+    const bool tail = source.hasTailChunk() && tailLength > 0 && range.max() == source.length() &&
+                      range.location <= source.length() - tailLength &&
+                      m_map.count() > (head ? 1 : 0);
+    setFlag(headFlag, head);
+    setFlag(tailFlag, tail);
 }
 
 void HXChunkString::setLockingContext(const std::weak_ptr<HXLockingContext> &context) {
-    if (!m_lockingContext.owner_before(context) && !context.owner_before(m_lockingContext))
-        return;
-    m_lockingContext = context;
-    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64) {
-        if (HXChunkString *nested = e.chunk.chunkString())
+    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunk &entry, quint64) {
+        if (HXChunkString *nested = entry.chunkString())
             nested->setLockingContext(context);
         return true;
     });
@@ -333,8 +344,8 @@ void HXChunkString::initWithChunkString(const HXChunkString &other, HXRange rang
         copyChunksFromString(other, range);
 }
 
-std::shared_ptr<HXChunkString> HXChunkString::copyWithRange(HXRange range) const {
-    auto copy = std::make_shared<HXChunkString>();
+HXRef<HXChunkString> HXChunkString::copyWithRange(HXRange range) const {
+    auto copy = HXRef<HXChunkString>::make();
     copy->initWithChunkString(*this, range);
     return copy;
 }
@@ -345,10 +356,10 @@ bool HXChunkString::isEqualToChunkString(const HXChunkString &other) const {
         return false;
     bool equal = true;
     HXChunkMap::Cursor theirs = other.m_map.begin();
-    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64) {
-        const HXChunkMap::Entry &o = other.m_map.at(theirs);
+    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunk &entry, quint64) {
+        const HXChunk &otherEntry = other.m_map.at(theirs);
         other.m_map.next(theirs);
-        equal = e.length == o.length && e.chunk.isEqual(o.chunk);
+        equal = entry.recordedLength() == otherEntry.recordedLength() && entry.isEqual(otherEntry);
         return equal;
     });
     return equal;
@@ -376,17 +387,18 @@ HXChunk HXChunkString::copyChunk() const {
 
 QString HXChunkString::description() const {
     QStringList parts;
-    m_map.walk(
-        m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64 key) {
-            QString part = QString::number(key) + QStringLiteral(": ") + e.chunk.description();
-            if (key == 0 && m_headChunk && e.chunk.isIdenticalTo(m_headChunk))
-                part += QStringLiteral(" (head)");
-            else if (m_tailChunk && e.chunk.isIdenticalTo(m_tailChunk) &&
-                     key + e.length == length())
-                part += QStringLiteral(" (tail)");
-            parts.append(part);
-            return true;
-        });
+    const qsizetype count = m_map.count();
+    qsizetype ordinal = 0;
+    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunk &entry, quint64 key) {
+        QString part = QString::number(key) + QStringLiteral(": ") + entry.description();
+        if (ordinal == 0 && hasHeadChunk())
+            part += QStringLiteral(" (head)");
+        else if (ordinal == count - 1 && hasTailChunk())
+            part += QStringLiteral(" (tail)");
+        parts.append(part);
+        ++ordinal;
+        return true;
+    });
     return QStringLiteral("<%1 {%2} %3>")
         .arg(HXClassName(typeid(*this)), parts.join(QStringLiteral(", ")))
         .arg(length());
@@ -394,28 +406,25 @@ QString HXChunkString::description() const {
 
 void HXChunkString::checkInvariants(bool deep) const {
     checkMapInvariants(deep);
-    if (m_headChunk) {
-        HX_ASSERT(firstChunk().isIdenticalTo(m_headChunk),
-                  u"The head chunk is not the first chunk.");
-    }
-    if (m_tailChunk) {
-        HX_ASSERT(lastChunk().isIdenticalTo(m_tailChunk), u"The tail chunk is not the last chunk.");
-        HX_ASSERT(!m_headChunk || m_map.count() >= 2, u"Head and tail chunk share one entry.");
+    if (hasHeadChunk())
+        HX_ASSERT(!m_map.isEmpty(), u"A head chunk in an empty string.");
+    if (hasTailChunk()) {
+        HX_ASSERT(!m_map.isEmpty(), u"A tail chunk in an empty string.");
+        HX_ASSERT(!hasHeadChunk() || m_map.count() >= 2, u"Head and tail chunk share one entry.");
     }
 }
 
 void HXChunkString::checkMapInvariants(bool deep) const {
     QString failure;
     HX_ASSERT(m_map.isConsistent(&failure), u"Chunk map inconsistent: %@", failure);
-    m_map.walk(m_map.begin(), false,
-               [&](HXChunkMap::Cursor, const HXChunkMap::Entry &e, quint64 key) {
-                   HX_ASSERT(e.chunk.length() == e.length,
-                             u"The chunk at %lu has length %lu but is keyed for %lu: %@", key,
-                             e.chunk.length(), e.length, e.chunk.description());
-                   if (deep) {
-                       if (const HXChunkString *nested = e.chunk.chunkString())
-                           nested->checkInvariants(true);
-                   }
-                   return true;
-               });
+    m_map.walk(m_map.begin(), false, [&](HXChunkMap::Cursor, const HXChunk &entry, quint64 key) {
+        HX_ASSERT(entry.length() == entry.recordedLength(),
+                  u"The chunk at %lu has length %lu but is keyed for %lu: %@", key, entry.length(),
+                  entry.recordedLength(), entry.description());
+        if (deep) {
+            if (const HXChunkString *nested = entry.chunkString())
+                nested->checkInvariants(true);
+        }
+        return true;
+    });
 }

@@ -4,6 +4,7 @@
 #include "Text/String/Implementation/HXChunkMap.h"
 #include "Text/String/Implementation/HXLockingContext.h"
 #include "Utilities/HXRange.h"
+#include "Utilities/HXRef.h"
 
 #include <QList>
 #include <QString>
@@ -26,11 +27,13 @@ enum HXChunkEnumerationOptions : quint64 {
 //
 // Invariant (checkInvariants): the map holds the chunks in order, none empty, under keys that are
 // the sums of the lengths before them, and ends in the end marker whose key is the length. The
-// head and tail chunks, when set, are the first and last chunk; the chunks between are the inner
-// ones. This class changes chunks only; replacing characters is the business of its subclasses.
+// head and tail chunks, when there are any, are the first and last chunk; the chunks between are
+// the inner ones. A splice that takes the first or last chunk away takes the head or tail with
+// it. This class changes chunks only; replacing characters is the business of its subclasses.
 //
-// Owned by whatever holds it, through shared pointers. No lock of its own: the locking context of
-// the tree guards it, and nothing may read it while another thread changes it unguarded.
+// Owned by whatever holds it, through HXRef. No lock of its own: the locking context of the tree,
+// which its string keeps, guards it, and nothing may read it while another thread changes it
+// unguarded.
 class HXChunkString : public HXStringObject {
 public:
     using KindOwner = HXChunkString;
@@ -38,7 +41,6 @@ public:
         return kind == HXStringObjectKind::ChunkString || kind == HXStringObjectKind::Paragraph ||
                kind == HXStringObjectKind::TextElement || kind == HXStringObjectKind::String;
     }
-    HXStringObjectKind objectKind() const override { return HXStringObjectKind::ChunkString; }
 
     HXChunkString();
     ~HXChunkString() override;
@@ -55,8 +57,11 @@ public:
     HXChunk chunkAtIndex(quint64 index) const;
     HXChunk firstChunk() const { return chunkAtIndex(0); }
     HXChunk lastChunk() const;
-    const HXChunk &headChunk() const { return m_headChunk; }
-    const HXChunk &tailChunk() const { return m_tailChunk; }
+    // The head and tail chunks, or nothing.
+    HXChunk headChunk() const { return hasHeadChunk() ? firstChunk() : HXChunk(); }
+    HXChunk tailChunk() const { return hasTailChunk() ? lastChunk() : HXChunk(); }
+    bool hasHeadChunk() const { return m_flags & headFlag; }
+    bool hasTailChunk() const { return m_flags & tailFlag; }
     QList<HXChunk> innerChunks() const;
     QList<HXChunk> allChunks() const;
     HXRange innerChunkRange() const;
@@ -88,7 +93,8 @@ public:
     void copyChunksFromString(const HXChunkString &source);
     void copyChunksFromString(const HXChunkString &source, HXRange range);
 
-    const std::weak_ptr<HXLockingContext> &lockingContext() const { return m_lockingContext; }
+    // Passes the locking context of the tree on to every nested chunk string, whose attributes
+    // keep it; only a string keeps it itself.
     virtual void setLockingContext(const std::weak_ptr<HXLockingContext> &context);
 
     // Characters are replaced by subclasses; here it is an assertion.
@@ -96,9 +102,9 @@ public:
 
     // --- Copying and comparing -------------------------------------------------------------
     // A new object of the receiver's class with a deep copy of the range.
-    std::shared_ptr<HXChunkString> copy() const { return copyWithRange(HXRange{0, length()}); }
-    virtual std::shared_ptr<HXChunkString> copyWithRange(HXRange range) const;
-    virtual std::shared_ptr<HXChunkString> substringWithRange(HXRange range) const {
+    HXRef<HXChunkString> copy() const { return copyWithRange(HXRange{0, length()}); }
+    virtual HXRef<HXChunkString> copyWithRange(HXRange range) const;
+    virtual HXRef<HXChunkString> substringWithRange(HXRange range) const {
         return copyWithRange(range);
     }
     // Same class (or a subclass), same keys, equal chunks: structure counts, not only characters.
@@ -122,22 +128,23 @@ public:
     virtual void checkInvariants(bool deep = true) const;
 
 protected:
+    explicit HXChunkString(HXStringObjectKind kind);
     // What `copyWithRange` does for a new object of a subclass; subclasses copy their fields.
     virtual void initWithChunkString(const HXChunkString &other, HXRange range);
     // The map's part of checkInvariants: keys, lengths and, with `deep`, nested strings.
     void checkMapInvariants(bool deep) const;
-    // Prepares a chunk for the map: a chunk string receives this string's locking context.
-    void adopt(const HXChunk &chunk) const;
+    // Prepares a chunk for the map; a string gives it its locking context.
+    virtual void adopt(const HXChunk &chunk) const { Q_UNUSED(chunk); }
     const HXChunkMap &map() const { return m_map; }
+    // The flags of the subclasses begin above these.
+    static constexpr quint8 headFlag = 1, tailFlag = 2;
 
 private:
-    std::vector<HXChunkMap::Entry> entriesForChunks(const QList<HXChunk> &chunks) const;
+    std::vector<HXChunk> entriesForChunks(const QList<HXChunk> &chunks) const;
     HXChunkMap::Cursor cursorAtKey(quint64 key) const;
+    void setFlag(quint8 flag, bool on) { m_flags = on ? (m_flags | flag) : (m_flags & ~flag); }
 
     HXChunkMap m_map;
-    HXChunk m_headChunk;
-    HXChunk m_tailChunk;
-    std::weak_ptr<HXLockingContext> m_lockingContext;
 };
 
 template<typename F>
@@ -153,18 +160,17 @@ void HXChunkString::enumerateChunksInRange(HXRange range, quint64 options, F &&b
     if (m_map.isEnd(first))
         return;
     bool stop = false;
-    auto deliver = [&](const HXChunkMap::Entry &entry, quint64 key) {
-        const HXRange chunkRange{key, entry.length};
+    auto deliver = [&](const HXChunk &entry, quint64 key) {
+        const HXRange chunkRange{key, entry.recordedLength()};
         if (clipped && !range.containsRange(chunkRange)) {
             const HXRange part = HXIntersectionRange(range, chunkRange);
-            block(entry.chunk.substringWithRange(HXRange{part.location - key, part.length}), part,
-                  stop);
+            block(entry.substringWithRange(HXRange{part.location - key, part.length}), part, stop);
         } else {
-            block(copying ? entry.chunk.copy() : entry.chunk, chunkRange, stop);
+            block(copying ? entry.copy() : entry, chunkRange, stop);
         }
     };
     m_map.walk(reverse ? last : first, reverse,
-               [&](HXChunkMap::Cursor cursor, const HXChunkMap::Entry &entry, quint64 key) {
+               [&](HXChunkMap::Cursor cursor, const HXChunk &entry, quint64 key) {
                    deliver(entry, key);
                    return !stop && cursor != (reverse ? first : last);
                });

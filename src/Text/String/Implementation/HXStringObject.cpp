@@ -17,11 +17,11 @@ bool HXStringObject::isEqual(const HXChunk &other) const {
 HXChunk HXStringObject::substringChunkWithRange(HXRange range) const {
     QString result(qsizetype(range.length), Qt::Uninitialized);
     getCharacters(result.data(), range);
-    return HXChunk(std::move(result));
+    return HXChunk(result);
 }
 
 HXChunk HXStringObject::copyChunk() const {
-    return HXChunk(std::const_pointer_cast<HXStringObject>(shared_from_this()));
+    return HXChunk(const_cast<HXStringObject *>(this));
 }
 
 QString HXStringObject::description() const {

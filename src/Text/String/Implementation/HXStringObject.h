@@ -1,11 +1,12 @@
 #pragma once
 
 #include "Utilities/HXRange.h"
+#include "Utilities/HXRef.h"
 
 #include <QChar>
 #include <QString>
 
-#include <memory>
+#include <atomic>
 
 class HXChunk;
 
@@ -23,13 +24,25 @@ enum class HXStringObjectKind : quint8 {
 
 // A string that is an object rather than plain text: an atom (the text of one tag), an escaped
 // character, or a chunk string with structure. Such strings stand as chunks in chunk strings
-// next to plain texts. Shared by reference; what a subclass allows of threads it says itself.
-class HXStringObject : public std::enable_shared_from_this<HXStringObject> {
+// next to plain texts.
+//
+// It counts its references itself and is held by HXRef and by the chunks of chunk strings, so
+// that the many small objects of a text carry no control block; it deletes itself with the last
+// reference. The strings of sheets (HXString and its kinds) are the exception: they are held by
+// std::shared_ptr and never stand as chunks. What a subclass allows of threads it says itself.
+class HXStringObject {
 public:
     virtual ~HXStringObject() = default;
+    HXStringObject &operator=(const HXStringObject &) = delete;
 
+    void retain() const noexcept { m_references.fetch_add(1, std::memory_order_relaxed); }
+    void release() const noexcept {
+        if (m_references.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
+
+    HXStringObjectKind objectKind() const { return m_kind; }
     virtual quint64 length() const = 0;
-    virtual HXStringObjectKind objectKind() const { return HXStringObjectKind::Other; }
     virtual QChar characterAtIndex(quint64 index) const = 0;
     // Copies the code units of the range into the buffer, which has room for them.
     virtual void getCharacters(QChar *buffer, HXRange range) const = 0;
@@ -46,6 +59,18 @@ public:
     virtual QString description() const;
 
 protected:
-    HXStringObject() = default;
-    HXStringObject(const HXStringObject &) = default;
+    explicit HXStringObject(HXStringObjectKind kind = HXStringObjectKind::Other)
+        : m_kind(kind) {}
+    // A copy is a new object: it starts with no references.
+    HXStringObject(const HXStringObject &other)
+        : m_kind(other.m_kind) {}
+
+    // Room that subclasses use for flags and a small number, which would otherwise cost them
+    // a word of their own.
+    quint8 m_flags = 0;
+    qint16 m_small = 0;
+
+private:
+    mutable std::atomic<quint32> m_references{0};
+    HXStringObjectKind m_kind;
 };

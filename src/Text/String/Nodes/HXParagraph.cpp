@@ -8,11 +8,11 @@
 
 // --- Making paragraphs ----------------------------------------------------------------------
 
-std::shared_ptr<HXParagraph>
-HXParagraph::paragraphWithString(const QString &string, const std::shared_ptr<HXMarkup> &markup,
-                                 HXDefinitionSelector recognizedDefinitions,
-                                 const HXParagraph *bookmarkSource) {
-    auto paragraph = std::make_shared<HXParagraph>();
+HXRef<HXParagraph> HXParagraph::paragraphWithString(const QString &string,
+                                                    const std::shared_ptr<HXMarkup> &markup,
+                                                    HXDefinitionSelector recognizedDefinitions,
+                                                    const HXParagraph *bookmarkSource) {
+    auto paragraph = HXRef<HXParagraph>::make();
     paragraph->m_markup = markup;
     paragraph->m_recognizedDefinitions = recognizedDefinitions;
     if (bookmarkSource)
@@ -24,10 +24,12 @@ HXParagraph::paragraphWithString(const QString &string, const std::shared_ptr<HX
     return paragraph;
 }
 
-std::shared_ptr<HXParagraph> HXParagraph::paragraphWithTag(
-    const HXTextTagRef &tag, const QList<HXTextTagRef> &groupings, const QList<quint64> &indexes,
-    const QList<HXTextTagRef> &preferredTags, const std::shared_ptr<HXMarkup> &markup) {
-    auto paragraph = std::make_shared<HXParagraph>();
+HXRef<HXParagraph> HXParagraph::paragraphWithTag(const HXTextTagRef &tag,
+                                                 const QList<HXTextTagRef> &groupings,
+                                                 const QList<quint64> &indexes,
+                                                 const QList<HXTextTagRef> &preferredTags,
+                                                 const std::shared_ptr<HXMarkup> &markup) {
+    auto paragraph = HXRef<HXParagraph>::make();
     paragraph->m_markup = markup;
     QList<HXTextTagRef> prefix = groupings;
     if (tag)
@@ -62,10 +64,7 @@ void HXParagraph::setRecognizedDefinitions(HXDefinitionSelector recognizedDefini
 // --- The prefix -----------------------------------------------------------------------------
 
 const HXChunkString *HXParagraph::headStringInPlace() const {
-    const HXChunk &head = headChunk();
-    if (!head || !firstChunk().isIdenticalTo(head))
-        return nullptr;
-    return head.chunkString();
+    return hasHeadChunk() ? firstChunk().chunkString() : nullptr;
 }
 
 QList<HXTextAtomRef> HXParagraph::prefixAtoms() const {
@@ -100,22 +99,26 @@ void HXParagraph::updateAtoms(const std::optional<QStringList> &strings,
     if (m_tag)
         prefix.append(m_tag);
     const QList<HXTextAtomRef> present = prefixAtoms();
-    std::shared_ptr<HXChunkString> head;
+    HXRef<HXChunkString> head;
     if (!prefix.isEmpty()) {
-        head = std::make_shared<HXChunkString>();
+        QList<HXChunk> atoms;
+        atoms.reserve(prefix.size());
         for (qsizetype level = 0; level < prefix.size(); ++level) {
             HXTextAtomRef atom;
             if (strings)
-                atom = HXTextAtom::atomWithParagraph(*this, prefix.at(level), strings->at(level),
+                atom = HXTextAtom::atomWithParagraph(prefix.at(level), strings->at(level),
                                                      indexProvider, level);
             else if (level < present.size() && present.at(level))
                 atom = HXTextAtom::copyOfAtom(*present.at(level), prefix.at(level), indexProvider,
                                               level);
             else
-                atom = HXTextAtom::atomWithParagraph(*this, prefix.at(level), QString(),
-                                                     indexProvider, level);
-            head->appendChunk(HXChunk(atom));
+                atom = HXTextAtom::atomWithParagraph(prefix.at(level), QString(), indexProvider,
+                                                     level);
+            if (atom->length() > 0)
+                atoms.append(HXChunk(atom));
         }
+        head = HXRef<HXChunkString>::make();
+        head->setInnerChunks(atoms);
     }
     setHeadChunk(head && head->length() > 0 ? HXChunk(head) : HXChunk());
 }
@@ -258,8 +261,8 @@ void HXParagraph::appendChunkString(const HXChunkString &string, HXRange *edited
         *editedRange = edited;
 }
 
-std::shared_ptr<HXChunkString> HXParagraph::substringWithRange(HXRange range) const {
-    auto copy = std::static_pointer_cast<HXParagraph>(copyWithRange(range));
+HXRef<HXChunkString> HXParagraph::substringWithRange(HXRange range) const {
+    auto copy = HXStaticCast<HXParagraph>(copyWithRange(range));
     HXTextParser::reparseParagraph(*copy);
     return copy;
 }
@@ -329,8 +332,8 @@ bool HXParagraph::isCountable() const {
 
 // --- Copying and comparing ------------------------------------------------------------------
 
-std::shared_ptr<HXChunkString> HXParagraph::copyWithRange(HXRange range) const {
-    auto copy = std::make_shared<HXParagraph>();
+HXRef<HXChunkString> HXParagraph::copyWithRange(HXRange range) const {
+    auto copy = HXRef<HXParagraph>::make();
     copy->initWithChunkString(*this, range);
     return copy;
 }
@@ -348,15 +351,6 @@ void HXParagraph::initWithChunkString(const HXChunkString &other, HXRange range)
     }
     m_groupings = source.m_groupings;
     m_tag = source.m_tag;
-    // The atoms came along shared with the source; this paragraph gets its own.
-    auto ownHead = std::make_shared<HXChunkString>();
-    for (const HXChunk &chunk : head->allChunks()) {
-        if (const HXTextAtom *atom = chunk.as<HXTextAtom>())
-            ownHead->appendChunk(HXChunk(HXTextAtom::copyOfAtom(*atom, *this)));
-        else
-            ownHead->appendChunk(chunk);
-    }
-    setHeadChunk(HXChunk(ownHead));
 }
 
 bool HXParagraph::isOfClassOf(const HXChunkString &other) const {

@@ -23,22 +23,22 @@ public:
     static constexpr bool matchesKind(HXStringObjectKind kind) {
         return kind == HXStringObjectKind::Paragraph;
     }
-    HXStringObjectKind objectKind() const override { return HXStringObjectKind::Paragraph; }
 
     // A paragraph of the text, parsed; it takes over the bookmark of `bookmarkSource` if given.
-    static std::shared_ptr<HXParagraph>
+    static HXRef<HXParagraph>
     paragraphWithString(const QString &string, const std::shared_ptr<HXMarkup> &markup,
                         HXDefinitionSelector recognizedDefinitions = HXDefaultDefinitionSelector,
                         const HXParagraph *bookmarkSource = nullptr);
     // An empty paragraph with the prefix of the tags: each tag's text made from its pattern, or
     // from the preferred tag's where one is given for that place, with the given numbers.
-    static std::shared_ptr<HXParagraph> paragraphWithTag(const HXTextTagRef &tag,
-                                                         const QList<HXTextTagRef> &groupings,
-                                                         const QList<quint64> &indexes,
-                                                         const QList<HXTextTagRef> &preferredTags,
-                                                         const std::shared_ptr<HXMarkup> &markup);
+    static HXRef<HXParagraph> paragraphWithTag(const HXTextTagRef &tag,
+                                               const QList<HXTextTagRef> &groupings,
+                                               const QList<quint64> &indexes,
+                                               const QList<HXTextTagRef> &preferredTags,
+                                               const std::shared_ptr<HXMarkup> &markup);
 
-    HXParagraph() = default;
+    HXParagraph()
+        : HXTextNode(HXStringObjectKind::Paragraph) {}
 
     HXDefinitionSelector recognizedDefinitions() const { return m_recognizedDefinitions; }
     // Takes the selector and, on a change, parses the paragraph anew.
@@ -82,7 +82,7 @@ public:
     // Appends the chunks and parses anew; the changed characters' range goes to `editedRange`.
     void appendChunkString(const HXChunkString &string, HXRange *editedRange = nullptr);
     // A structured copy of the range, parsed anew, since a cut may leave tags broken.
-    std::shared_ptr<HXChunkString> substringWithRange(HXRange range) const override;
+    HXRef<HXChunkString> substringWithRange(HXRange range) const override;
 
     using HXTextNode::replaceCharactersInRange;
     void replaceCharactersInRange(HXRange range, const HXChunk &string,
@@ -98,7 +98,7 @@ public:
     void getReplacement(QString *replacement, HXRange *range, const QList<HXTextTagRef> &groupings,
                         const HXTextTagRef &tag, const HXIndexProvider &indexProvider) const;
 
-    std::shared_ptr<HXChunkString> copyWithRange(HXRange range) const override;
+    HXRef<HXChunkString> copyWithRange(HXRange range) const override;
     bool isEqualToChunkString(const HXChunkString &other) const override;
     bool isOfClassOf(const HXChunkString &other) const override;
     QString description() const override;
@@ -117,4 +117,4 @@ private:
     HXBookmarkRef m_bookmark;
 };
 
-using HXParagraphRef = std::shared_ptr<HXParagraph>;
+using HXParagraphRef = HXRef<HXParagraph>;

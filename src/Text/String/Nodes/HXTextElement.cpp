@@ -36,19 +36,19 @@ void HXTextElement::initWithStoredForm(const HXTextTagRef &tag, const HXDefiniti
     updateAtomsWithHead(startTag, endTag);
 }
 
-std::shared_ptr<HXTextElement>
-HXTextElement::elementWithTag(const HXTextTagRef &tag, const std::shared_ptr<HXMarkup> &markup,
-                              bool closed) {
-    auto element = std::make_shared<HXTextElement>();
+HXRef<HXTextElement> HXTextElement::elementWithTag(const HXTextTagRef &tag,
+                                                   const std::shared_ptr<HXMarkup> &markup,
+                                                   bool closed) {
+    auto element = HXRef<HXTextElement>::make();
     element->initWithTag(tag, markup);
     if (closed)
         element->setClosed(true);
     return element;
 }
 
-std::shared_ptr<HXTextElement>
-HXTextElement::elementWithAttributes(const QVariantMap &attributes, const HXTextTagRef &tag,
-                                     const std::shared_ptr<HXMarkup> &markup) {
+HXRef<HXTextElement> HXTextElement::elementWithAttributes(const QVariantMap &attributes,
+                                                          const HXTextTagRef &tag,
+                                                          const std::shared_ptr<HXMarkup> &markup) {
     const quint64 scope = tag->definition()->scope();
     HX_ASSERT(scope == HXAttributedTextScope || scope == HXObjectScope,
               u"Only attributed text or object scope allowed!");
@@ -60,9 +60,9 @@ HXTextElement::elementWithAttributes(const QVariantMap &attributes, const HXText
     return element;
 }
 
-std::shared_ptr<HXTextElement>
-HXTextElement::elementWithFile(const std::shared_ptr<HXFileWrapper> &file, const HXTextTagRef &tag,
-                               const std::shared_ptr<HXMarkup> &markup) {
+HXRef<HXTextElement> HXTextElement::elementWithFile(const std::shared_ptr<HXFileWrapper> &file,
+                                                    const HXTextTagRef &tag,
+                                                    const std::shared_ptr<HXMarkup> &markup) {
     const quint64 scope = tag->definition()->scope();
     HX_ASSERT(scope == HXAttributedTextScope || scope == HXObjectScope,
               u"Only attributed text or object scope allowed!");
@@ -72,10 +72,10 @@ HXTextElement::elementWithFile(const std::shared_ptr<HXFileWrapper> &file, const
     return element;
 }
 
-std::shared_ptr<HXTextElement>
-HXTextElement::elementWithURLString(const QString &urlString, const QString &title,
-                                    const HXTextTagRef &tag,
-                                    const std::shared_ptr<HXMarkup> &markup) {
+HXRef<HXTextElement> HXTextElement::elementWithURLString(const QString &urlString,
+                                                         const QString &title,
+                                                         const HXTextTagRef &tag,
+                                                         const std::shared_ptr<HXMarkup> &markup) {
     HX_ASSERT(tag->definition()->scope() == HXAttributedTextScope,
               u"Only attributed text scope allowed!");
     auto element = elementWithTag(tag, markup);
@@ -128,7 +128,6 @@ void HXTextElement::updateAtomsWithHead(const QString &givenHead, const QString 
                      (m_closed && (scope == HXAttributedTextScope || scope == HXObjectScope));
         if (m_isEntity && !m_attributes && !m_definition->attributes().isEmpty()) {
             m_attributes = std::make_shared<HXAttributeDictionary>(m_definition, m_markup);
-            m_attributes->setLockingContext(lockingContext());
         }
     }
 
@@ -141,8 +140,8 @@ void HXTextElement::updateAtomsWithHead(const QString &givenHead, const QString 
     if (m_tag && standing(m_headAtom, head) && standing(m_tailAtom, tail)) {
         converted = true;
     } else if (m_headAtom && m_tailAtom && m_tag) {
-        auto newHead = HXTextAtom::copyOfAtom(*m_headAtom, m_tag, {}, 0, head);
-        auto newTail = HXTextAtom::copyOfAtom(*m_tailAtom, m_tag, {}, 0, tail);
+        auto newHead = HXTextAtom::copyOfAtom(*m_headAtom, m_tag, {}, 0, head, m_isEntity);
+        auto newTail = HXTextAtom::copyOfAtom(*m_tailAtom, m_tag, {}, 0, tail, m_isEntity);
         if (newHead->tag() && newTail->tag()) {
             m_headAtom = std::move(newHead);
             m_tailAtom = std::move(newTail);
@@ -150,8 +149,10 @@ void HXTextElement::updateAtomsWithHead(const QString &givenHead, const QString 
         }
     }
     if (!converted) {
-        m_headAtom = m_definition ? HXTextAtom::atomWithTextElement(*this, 0, head) : nullptr;
-        m_tailAtom = m_definition ? HXTextAtom::atomWithTextElement(*this, 1, tail) : nullptr;
+        m_headAtom =
+            m_definition ? HXTextAtom::atomWithTextElement(m_tag, 0, m_isEntity, head) : nullptr;
+        m_tailAtom =
+            m_definition ? HXTextAtom::atomWithTextElement(m_tag, 1, m_isEntity, tail) : nullptr;
     }
 
     setHeadChunk(HXChunk(m_headAtom));
@@ -271,8 +272,8 @@ void HXTextElement::enumerateCountedAttributes(
 
 // --- Copying and comparing ------------------------------------------------------------------
 
-std::shared_ptr<HXChunkString> HXTextElement::copyWithRange(HXRange range) const {
-    auto copy = std::make_shared<HXTextElement>();
+HXRef<HXChunkString> HXTextElement::copyWithRange(HXRange range) const {
+    auto copy = HXRef<HXTextElement>::make();
     copy->initWithChunkString(*this, range);
     return copy;
 }
@@ -286,19 +287,9 @@ void HXTextElement::initWithChunkString(const HXChunkString &other, HXRange rang
     m_tag = source.m_tag;
     m_definition = source.m_definition;
     m_attributes = source.m_attributes ? source.m_attributes->copy() : nullptr;
-    // The atoms that came along are the source's; the copy gets its own.
-    if (source.m_headAtom) {
-        const bool headCame = headChunk().isIdenticalTo(HXChunk(source.m_headAtom));
-        m_headAtom = HXTextAtom::copyOfAtom(*source.m_headAtom, *this);
-        if (headCame)
-            setHeadChunk(HXChunk(m_headAtom));
-    }
-    if (source.m_tailAtom) {
-        const bool tailCame = tailChunk().isIdenticalTo(HXChunk(source.m_tailAtom));
-        m_tailAtom = HXTextAtom::copyOfAtom(*source.m_tailAtom, *this);
-        if (tailCame)
-            setTailChunk(HXChunk(m_tailAtom));
-    }
+    // Atoms are immutable: the copy shares them.
+    m_headAtom = source.m_headAtom;
+    m_tailAtom = source.m_tailAtom;
 }
 
 bool HXTextElement::isOfClassOf(const HXChunkString &other) const {

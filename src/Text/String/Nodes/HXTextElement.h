@@ -24,27 +24,27 @@ public:
     static constexpr bool matchesKind(HXStringObjectKind kind) {
         return kind == HXStringObjectKind::TextElement;
     }
-    HXStringObjectKind objectKind() const override { return HXStringObjectKind::TextElement; }
 
     // A new element of the tag, not closed; its start tag text is made from the pattern.
-    static std::shared_ptr<HXTextElement> elementWithTag(const HXTextTagRef &tag,
-                                                         const std::shared_ptr<HXMarkup> &markup,
-                                                         bool closed = true);
+    static HXRef<HXTextElement> elementWithTag(const HXTextTagRef &tag,
+                                               const std::shared_ptr<HXMarkup> &markup,
+                                               bool closed = true);
     // A closed entity of a tag of the attributed text or object scope, with attributes.
-    static std::shared_ptr<HXTextElement>
-    elementWithAttributes(const QVariantMap &attributes, const HXTextTagRef &tag,
-                          const std::shared_ptr<HXMarkup> &markup);
+    static HXRef<HXTextElement> elementWithAttributes(const QVariantMap &attributes,
+                                                      const HXTextTagRef &tag,
+                                                      const std::shared_ptr<HXMarkup> &markup);
     // A closed entity of the attributed text or object scope holding the file in its first
     // attribute that takes it.
-    static std::shared_ptr<HXTextElement>
-    elementWithFile(const std::shared_ptr<HXFileWrapper> &file, const HXTextTagRef &tag,
-                    const std::shared_ptr<HXMarkup> &markup);
+    static HXRef<HXTextElement> elementWithFile(const std::shared_ptr<HXFileWrapper> &file,
+                                                const HXTextTagRef &tag,
+                                                const std::shared_ptr<HXMarkup> &markup);
     // A closed entity of the attributed text scope whose URL attribute and text are given.
-    static std::shared_ptr<HXTextElement>
-    elementWithURLString(const QString &urlString, const QString &title, const HXTextTagRef &tag,
-                         const std::shared_ptr<HXMarkup> &markup);
+    static HXRef<HXTextElement> elementWithURLString(const QString &urlString, const QString &title,
+                                                     const HXTextTagRef &tag,
+                                                     const std::shared_ptr<HXMarkup> &markup);
 
-    HXTextElement() = default;
+    HXTextElement()
+        : HXTextNode(HXStringObjectKind::TextElement) {}
     // An element as a stored form describes it: its tag (none where the markup has lost it),
     // definition, whether closed, and the texts of its tags, null where not stored.
     void initWithStoredForm(const HXTextTagRef &tag, const HXDefinitionRef &definition,
@@ -89,7 +89,7 @@ public:
     void enumerateCountedAttributes(const std::function<void(const QString &, const QVariant &,
                                                              const HXTagAttribute &)> &block) const;
 
-    std::shared_ptr<HXChunkString> copyWithRange(HXRange range) const override;
+    HXRef<HXChunkString> copyWithRange(HXRange range) const override;
     bool isEqualToChunkString(const HXChunkString &other) const override;
     bool isOfClassOf(const HXChunkString &other) const override;
     void setLockingContext(const std::weak_ptr<HXLockingContext> &context) override;
@@ -112,4 +112,4 @@ private:
     HXAttributeDictionaryRef m_attributes;
 };
 
-using HXTextElementRef = std::shared_ptr<HXTextElement>;
+using HXTextElementRef = HXRef<HXTextElement>;

@@ -88,13 +88,13 @@ void HXTextNode::replaceInSingleChunk(HXRange range, const HXChunk &string, HXRa
         *affectedRange = shifted(*affectedRange, chunkRange.location);
         *replacementRange = shifted(*replacementRange, chunkRange.location);
     } else if (chunk.isPlain() && string.as<HXTextNode>()) {
-        const QString &text = chunk.text();
         QList<HXChunk> pieces;
         if (relative.location > 0)
-            pieces.append(text.left(qsizetype(relative.location)));
+            pieces.append(chunk.substringWithRange(HXRange{0, relative.location}));
         pieces.append(HXChunksOfString(string));
-        if (relative.max() < quint64(text.size()))
-            pieces.append(text.mid(qsizetype(relative.max())));
+        if (relative.max() < chunk.length())
+            pieces.append(
+                chunk.substringWithRange(HXRange{relative.max(), chunk.length() - relative.max()}));
         replaceChunksInRange(chunkRange, pieces);
     } else {
         // Plain text, or the text of an atom that the edit cuts into: it becomes plain text.

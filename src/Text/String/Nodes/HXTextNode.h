@@ -23,14 +23,13 @@ using HXStringsAndAtomsBlock =
                        const HXOpenTags &openTags, bool &stop)>;
 // What a walk over elements is told: the element, its range, and a flag that ends the walk.
 using HXElementsBlock =
-    std::function<void(const std::shared_ptr<HXTextElement> &element, HXRange range, bool &stop)>;
+    std::function<void(const HXRef<HXTextElement> &element, HXRange range, bool &stop)>;
 
 // A node of parsed text: a paragraph or an inline element. Its characters are its chunks' own,
 // tag text included: the node adds structure over them, saying which runs are tag text and which
 // tag they belong to, and nothing the characters don't say apart from an entity's attributes and
-// a paragraph's bookmark. Abstract. Nodes are made through the factories of their kinds, always
-// owned by a shared pointer, since their atoms know them weakly; they live inside their string
-// and are guarded by its lock.
+// a paragraph's bookmark. Abstract. Nodes are made through the factories of their kinds and held
+// by HXRef; they live inside their string and are guarded by its lock.
 class HXTextNode : public HXChunkString {
 public:
     using KindOwner = HXTextNode;
@@ -77,7 +76,8 @@ public:
     void checkInvariants(bool deep = true) const override;
 
 protected:
-    HXTextNode() = default;
+    explicit HXTextNode(HXStringObjectKind kind)
+        : HXChunkString(kind) {}
     void initWithChunkString(const HXChunkString &other, HXRange range) override;
     // Walks the chunks of the range: elements recursing, others delivered.
     bool enumerateChunksAsStringsAndAtoms(HXRange range, const HXOpenTags &openTags, quint64 offset,

@@ -3,6 +3,7 @@
 #include "Text/Markup/HXDefinition.h"
 #include "Text/String/Implementation/HXChunk.h"
 #include "Utilities/HXRange.h"
+#include "Utilities/HXRef.h"
 
 #include <QHash>
 #include <QList>
@@ -113,7 +114,7 @@ public:
         QVarLengthArray<const HXTextTag *, 40> m_tags;
     };
     // Elements of the old tree by tag, for the new tree to take up again.
-    using ReusableElements = QHash<const HXTextTag *, QList<std::shared_ptr<HXTextElement>>>;
+    using ReusableElements = QHash<const HXTextTag *, QList<HXRef<HXTextElement>>>;
 
     // Parses a paragraph anew after its characters changed, in place: the paragraph keeps its
     // identity, bookmark and place. The outputs are the ranges of changed characters and changed

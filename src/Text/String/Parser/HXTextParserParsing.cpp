@@ -3,6 +3,7 @@
 
 #include "Text/Markup/HXMarkup.h"
 #include "Text/String/Atoms/HXEscapeAtom.h"
+#include "Text/String/Implementation/HXTextBuffer.h"
 #include "Text/String/Nodes/HXParagraph.h"
 #include "Text/String/Nodes/HXTextElement.h"
 #include "Text/String/Parser/HXParseTables.h"
@@ -203,15 +204,39 @@ void parsePrefix(HXTextParser::TagList *groupings, TagRef *tag, QStringList *str
 
 // --- Flattening -------------------------------------------------------------------------------
 
+// Characters as plain chunks hold them: a range of a shared buffer, which parts of it share.
+struct Characters {
+    HXRef<HXTextBuffer> buffer;
+    quint32 offset = 0;
+    quint32 length = 0;
+
+    static Characters of(const QString &text) {
+        return Characters{HXRef<HXTextBuffer>(HXTextBuffer::make(text)), 0, quint32(text.size())};
+    }
+    QStringView view() const { return buffer ? buffer->view(offset, length) : QStringView(); }
+    HXChunk chunk(quint64 from, quint64 count) const {
+        return HXChunk(buffer.get(), offset + quint32(from), quint32(count));
+    }
+};
+
+// The characters of a node, without a copy when they are one plain chunk.
+Characters charactersOf(const HXChunkString &node) {
+    const HXChunk first = node.firstChunk();
+    if (first.isPlain() && first.length() == node.length())
+        return Characters{HXRef<HXTextBuffer>(first.buffer()), first.offset(),
+                          quint32(first.length())};
+    return Characters::of(node.string());
+}
+
 // A node melted to its characters: the elements that stay whole stand in it at their places,
 // their characters replaced by as many object replacement characters, and the elements melted
 // on the way wait by tag for the new tree to take them up again.
 struct FlatText {
     struct Kept {
         quint64 location;
-        std::shared_ptr<HXTextElement> element;
+        HXRef<HXTextElement> element;
     };
-    QString text;
+    Characters text;
     std::vector<Kept> kept;
     HXTextParser::ReusableElements reusable;
 
@@ -224,8 +249,8 @@ struct FlatText {
                 ranges.append(HXRange{location, kept.location - location});
             location = kept.location + kept.element->length();
         }
-        if (quint64(text.size()) > location)
-            ranges.append(HXRange{location, quint64(text.size()) - location});
+        if (quint64(text.length) > location)
+            ranges.append(HXRange{location, quint64(text.length) - location});
         return ranges;
     }
 };
@@ -237,10 +262,12 @@ struct FlatText {
 FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidden,
                  quint64 definitionOptions) {
     FlatText flat;
+    QString text;
     struct Frame {
         QList<HXChunk> chunks;
         qsizetype next = 0;
         QString after; // the end tag text of a melted element of a forbidden tag
+        HXRef<HXTextElement> melting = {}; // the element whose chunks these are, melted
     };
     std::vector<Frame> stack;
     stack.push_back(Frame{node.allChunks(), 0, QString()});
@@ -248,7 +275,7 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
         if (stack.back().next == stack.back().chunks.size()) {
             const QString after = std::move(stack.back().after);
             stack.pop_back();
-            flat.text += after;
+            text += after;
             continue;
         }
         const HXChunk chunk = stack.back().chunks.at(stack.back().next++);
@@ -260,12 +287,11 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
             }
             if (const HXTextAtom *atom = chunk.as<HXTextAtom>()) {
                 // The start tag of a melted element: the element may be taken up again.
-                if (atom->part() == 0 && atom->tag()) {
-                    if (auto owner = std::dynamic_pointer_cast<HXTextElement>(atom->node()))
-                        flat.reusable[atom->tag().get()].append(owner);
-                }
+                const Frame &frame = stack.back();
+                if (frame.melting && frame.next == 1 && atom->part() == 0 && atom->tag())
+                    flat.reusable[atom->tag().get()].append(frame.melting);
             }
-            flat.text += chunk.string();
+            text += chunk.string();
             continue;
         }
         const bool forbiddenTag = element->tag() && forbidden.contains(element->tag().get());
@@ -275,20 +301,21 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
              (element->isClosed() && element->tag() && element->definition()->noParsingInside()))) {
             if ((definitionOptions & HXSelectorNoMedia) && element->attributes())
                 element->attributes()->removeFileWrappersQuietly();
-            flat.kept.push_back(FlatText::Kept{quint64(flat.text.size()), element});
-            flat.text.append(QString(qsizetype(element->length()), QChar(0xfffc)));
+            flat.kept.push_back(FlatText::Kept{quint64(text.size()), element});
+            text.append(QString(qsizetype(element->length()), QChar(0xfffc)));
             continue;
         }
         if (forbiddenTag && intact) {
             // Not allowed here: its tags come back as their texts, an entity's too.
-            flat.text += element->startTagString();
+            text += element->startTagString();
             stack.push_back(Frame{
                 element->innerChunks(), 0,
                 element->isClosed() && !element->isObject() ? element->endTagString() : QString()});
             continue;
         }
-        stack.push_back(Frame{element->allChunks(), 0, QString()});
+        stack.push_back(Frame{element->allChunks(), 0, QString(), element});
     }
+    flat.text = Characters::of(text);
     return flat;
 }
 
@@ -302,7 +329,7 @@ public:
         , m_tables(tables)
         , m_markup(markup)
         , m_forbidden(forbidden)
-        , m_text(flat.text)
+        , m_text(flat.text.view())
         , m_textRanges(flat.textRanges()) {
         for (const Candidate &candidate : tables.inlineCandidates) {
             if (!forbidden.contains(candidate.tag.get()))
@@ -317,7 +344,7 @@ public:
 private:
     struct Open {
         qsizetype candidate;
-        std::shared_ptr<HXTextElement> element;
+        HXRef<HXTextElement> element;
         QList<HXChunk> children;
     };
 
@@ -343,8 +370,7 @@ void InlineParser::appendText(quint64 from, quint64 to) {
     quint64 position = from;
     auto plain = [&](quint64 end) {
         if (end > position)
-            target().append(
-                HXChunk(m_flat.text.sliced(qsizetype(position), qsizetype(end - position))));
+            target().append(m_flat.text.chunk(position, end - position));
     };
     for (const FlatText::Kept &kept : m_flat.kept) {
         if (kept.location < from)
@@ -375,13 +401,15 @@ QList<HXChunk> InlineParser::parse(HXRange range, HXTextParser::ReusableElements
         appendText(position, matched.location);
 
         const QString matchedText =
-            m_flat.text.sliced(qsizetype(matched.location), qsizetype(matched.length));
+            m_flat.text.view()
+                .sliced(qsizetype(matched.location), qsizetype(matched.length))
+                .toString();
         const TagRef tag = found >= 0 ? m_candidates.at(found)->tag : nullptr;
         const bool wasOpen = tag && indexOfOpen(openTags, tag.get()) >= 0;
         if (found >= 0 && !tag) {
-            target().append(HXChunk(std::make_shared<HXEscapeAtom>(matchedText)));
+            target().append(HXChunk(HXRef<HXEscapeAtom>::make(matchedText)));
         } else if (found >= 0 && !wasOpen) {
-            std::shared_ptr<HXTextElement> element;
+            HXRef<HXTextElement> element;
             auto waiting = reusable.find(tag.get());
             if (waiting != reusable.end() && !waiting->isEmpty()) {
                 element = waiting->takeLast();
@@ -533,14 +561,6 @@ HXRange compareStructures(const std::vector<StructureToken> &before,
 
 namespace {
 
-// The characters of a node, without a copy when they are one plain chunk.
-QString charactersOf(const HXChunkString &node) {
-    const HXChunk first = node.firstChunk();
-    if (first.isPlain() && first.length() == node.length())
-        return first.text();
-    return node.string();
-}
-
 bool holdsElements(const HXChunkString &node) {
     bool found = false;
     node.enumerateChunksInRange(HXRange{0, node.length()}, 0,
@@ -564,9 +584,9 @@ void HXTextParser::parseGroupings(TagList *groupings, TagRef *tag, QStringList *
         *consumedLength = 0;
         return;
     }
-    const QString text = charactersOf(paragraph);
-    parsePrefix(groupings, tag, strings, consumedLength, text, paragraph.recognizedDefinitions(),
-                *tables);
+    const Characters text = charactersOf(paragraph);
+    parsePrefix(groupings, tag, strings, consumedLength, text.view(),
+                paragraph.recognizedDefinitions(), *tables);
 }
 
 void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText,
@@ -583,8 +603,8 @@ void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText
     std::vector<StructureToken> oldStructure;
     if (changedStructure)
         oldStructure = structureOf(paragraph);
-    const QString characters = charactersOf(paragraph);
-    const quint64 oldLength = quint64(characters.size());
+    const Characters characters = charactersOf(paragraph);
+    const quint64 oldLength = characters.length;
 
     TagList groupings;
     TagRef tag;
@@ -594,7 +614,7 @@ void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText
     std::shared_ptr<const HXParseTables> tables;
     if (markup) {
         tables = markup->parserTables(selector);
-        parsePrefix(&groupings, &tag, &strings, &consumed, characters, selector, *tables);
+        parsePrefix(&groupings, &tag, &strings, &consumed, characters.view(), selector, *tables);
     } else {
         tables = std::make_shared<HXParseTables>();
     }
@@ -614,7 +634,7 @@ void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText
         flat.text = characters;
 
     // The line feed stays outside all elements: it is parsed apart and goes last.
-    const quint64 flatLength = quint64(flat.text.size());
+    const quint64 flatLength = flat.text.length;
     const bool lineFeed = paragraph.endsInLineFeed() && flatLength > consumed;
     InlineParser parser(flat, *tables, markup, forbidden);
     QList<HXChunk> chunks =
@@ -633,7 +653,8 @@ void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText
     paragraph.setGroupings(groupings, tag, strings);
 
     if (changedText)
-        *changedText = compareFlatString(characters, charactersOf(paragraph));
+        *changedText = compareFlatString(characters.view().toString(),
+                                         charactersOf(paragraph).view().toString());
     if (changedStructure) {
         HXRange structure =
             prefixChanged ? HXRange{0, oldLength}
@@ -754,7 +775,7 @@ QList<HXChunk> HXTextParser::escapedStringsForString(const QString &string, cons
                 HXChunk(string.mid(qsizetype(position), qsizetype(matched.location - position))));
         const qsizetype characterLength =
             string.at(qsizetype(matched.location)).isHighSurrogate() ? 2 : 1;
-        result.append(HXChunk(std::make_shared<HXEscapeAtom>(
+        result.append(HXChunk(HXRef<HXEscapeAtom>::make(
             escapeCharacter() + string.mid(qsizetype(matched.location), characterLength))));
         position = matched.location + quint64(characterLength);
         if (anchored) {

@@ -43,7 +43,7 @@ bool HXTextUndoOperation::coalesceEditedRange(HXRange editedRange, const HXStrin
     const quint64 before = editedRange.length - within;
     if (before > 0) {
         const auto front = replacedText.stringWithRange(HXRange{0, before});
-        m_oldText->replaceCharactersInRange(HXRange{0, 0}, HXChunk(front));
+        m_oldText->replaceCharactersInRange(HXRange{0, 0}, HXReplacement(front));
         m_editedRange.location -= before;
         m_editedRange.length += before;
         m_replacementRange.location -= before;
@@ -57,5 +57,5 @@ bool HXTextUndoOperation::coalesceEditedRange(HXRange editedRange, const HXStrin
 void HXTextUndoOperation::performUndo() {
     const auto string = m_string.lock();
     HX_ASSERT(string, u"Undo performed on a no longer present string!");
-    string->replaceCharactersInRange(m_replacementRange, HXChunk(m_oldText->copy()));
+    string->replaceCharactersInRange(m_replacementRange, HXReplacement(m_oldText->copy()));
 }
