@@ -11,13 +11,14 @@ HXChunk::HXChunk(QStringView text) {
                          : text.isEmpty()                          ? HXTextBuffer::empty()
                                                                    : HXTextBuffer::make(text);
     made->retain();
-    m_pointer = reinterpret_cast<quintptr>(made) | plainBit;
+    m_pointer = made;
+    m_offset = plainBit;
     m_length = made->size();
 }
 
 HXChunk::HXChunk(HXTextBuffer *buffer, quint32 offset, quint32 length)
-    : m_pointer(reinterpret_cast<quintptr>(buffer) | plainBit)
-    , m_offset(offset)
+    : m_pointer(buffer)
+    , m_offset(offset | plainBit)
     , m_length(length) {
     HX_ASSERT(buffer && quint64(offset) + length <= buffer->size(),
               u"Range {%u, %u} out of bounds of a buffer.", offset, length);
@@ -25,7 +26,7 @@ HXChunk::HXChunk(HXTextBuffer *buffer, quint32 offset, quint32 length)
 }
 
 HXChunk::HXChunk(HXStringObject *object)
-    : m_pointer(reinterpret_cast<quintptr>(object)) {
+    : m_pointer(object) {
     if (!object)
         return;
     HX_ASSERT(object->objectKind() != HXStringObjectKind::String,
@@ -43,7 +44,7 @@ void HXChunk::setRecordedLength(quint64 length) {
 QChar HXChunk::characterAtIndex(quint64 index) const {
     if (isPlain()) {
         HX_ASSERT(index < m_length, u"Range or index out of bounds %lu", index);
-        return QChar(buffer()->units()[m_offset + index]);
+        return QChar(buffer()->units()[offset() + index]);
     }
     HX_ASSERT(isObject(), u"Range or index out of bounds %lu", index);
     return object()->characterAtIndex(index);
@@ -54,7 +55,7 @@ void HXChunk::getCharacters(QChar *destination, HXRange range) const {
         return;
     if (isPlain()) {
         HX_ASSERT(range.max() <= m_length, u"Range or index out of bounds %@", range.description());
-        std::memcpy(static_cast<void *>(destination), buffer()->units() + m_offset + range.location,
+        std::memcpy(static_cast<void *>(destination), buffer()->units() + offset() + range.location,
                     range.length * sizeof(QChar));
         return;
     }
@@ -94,7 +95,7 @@ bool HXChunk::isEqual(const HXChunk &other) const {
 HXChunk HXChunk::substringWithRange(HXRange range) const {
     if (isPlain()) {
         HX_ASSERT(range.max() <= m_length, u"Range or index out of bounds %@", range.description());
-        return HXChunk(buffer(), m_offset + quint32(range.location), quint32(range.length));
+        return HXChunk(buffer(), offset() + quint32(range.location), quint32(range.length));
     }
     if (isObject())
         return object()->substringChunkWithRange(range);

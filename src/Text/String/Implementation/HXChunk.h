@@ -45,7 +45,8 @@ public:
         : m_pointer(other.m_pointer)
         , m_offset(other.m_offset)
         , m_length(other.m_length) {
-        other.m_pointer = 0;
+        other.m_pointer = nullptr;
+        other.m_offset = 0;
     }
     HXChunk &operator=(const HXChunk &other) noexcept {
         HXChunk copy(other);
@@ -64,10 +65,10 @@ public:
         std::swap(m_length, other.m_length);
     }
 
-    bool isNull() const { return m_pointer == 0; }
+    bool isNull() const { return !m_pointer; }
     explicit operator bool() const { return !isNull(); }
-    bool isPlain() const { return m_pointer & plainBit; }
-    bool isObject() const { return m_pointer && !(m_pointer & plainBit); }
+    bool isPlain() const { return m_offset & plainBit; }
+    bool isObject() const { return m_pointer && !isPlain(); }
 
     quint64 length() const { return isObject() ? object()->length() : m_length; }
     QChar characterAtIndex(quint64 index) const;
@@ -76,16 +77,16 @@ public:
     QString string() const;
     // The code units of a plain text where they stand; empty for anything else.
     QStringView view() const {
-        return isPlain() ? buffer()->view(m_offset, m_length) : QStringView();
+        return isPlain() ? buffer()->view(offset(), m_length) : QStringView();
     }
     // The buffer and the place of a plain text in it.
     HXTextBuffer *buffer() const {
-        return isPlain() ? reinterpret_cast<HXTextBuffer *>(m_pointer & ~plainBit) : nullptr;
+        return isPlain() ? static_cast<HXTextBuffer *>(m_pointer) : nullptr;
     }
-    quint32 offset() const { return m_offset; }
+    quint32 offset() const { return m_offset & ~plainBit; }
 
     HXStringObject *object() const {
-        return isObject() ? reinterpret_cast<HXStringObject *>(m_pointer) : nullptr;
+        return isObject() ? static_cast<HXStringObject *>(m_pointer) : nullptr;
     }
     // The object as a T, or nothing. Classes that declare the kinds they stand for
     // (`KindOwner` being the class itself) are told apart by kind, others by a dynamic cast.
@@ -120,7 +121,8 @@ public:
     void setRecordedLength(quint64 length);
 
 private:
-    static constexpr quintptr plainBit = 1;
+    // The top bit of the offset marks a plain text; buffers are shorter than 2^31 units.
+    static constexpr quint32 plainBit = 0x80000000u;
 
     template<typename T>
     static constexpr bool hasKinds() {
@@ -142,7 +144,7 @@ private:
             object()->release();
     }
 
-    quintptr m_pointer = 0;
+    void *m_pointer = nullptr;
     quint32 m_offset = 0;
     quint32 m_length = 0;
 };

@@ -12,7 +12,7 @@ HXTextBuffer *HXTextBuffer::makeUninitialized(quint32 size) {
 }
 
 HXTextBuffer *HXTextBuffer::make(QStringView text) {
-    HX_ASSERT(quint64(text.size()) <= std::numeric_limits<quint32>::max(),
+    HX_ASSERT(quint64(text.size()) < 0x80000000u,
               u"A text of %li code units is too long for one buffer.", text.size());
     HXTextBuffer *buffer = makeUninitialized(quint32(text.size()));
     if (!text.isEmpty())
