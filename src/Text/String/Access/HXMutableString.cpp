@@ -181,8 +181,7 @@ void HXMutableString::replaceLocked(HXRange range, const HXReplacement &string,
         auto paragraphOfLine = [&](const HXChunk &line) -> HXParagraphRef {
             if (auto paragraph = line.pointerAs<HXParagraph>())
                 return paragraph;
-            return HXParagraph::paragraphWithString(line.string(), m_markup,
-                                                    m_recognizedDefinitions);
+            return HXParagraph::paragraphWithText(line, m_markup, m_recognizedDefinitions);
         };
         // A deletion from the start of a paragraph into the next takes the paragraph away: what
         // stays of the next one stands in a paragraph of its own.

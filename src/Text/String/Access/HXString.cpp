@@ -28,15 +28,18 @@ std::shared_ptr<HXString> HXString::stringWithString(const QString &text,
                                                      HXDefinitionSelector recognizedDefinitions) {
     // The text as the editing door would take it in, a paragraph made once for each line and
     // handed over: none behind a final line feed.
-    const QString prepared =
-        HXXMLStringByRemovingForbiddenCharacters(HXStringByNormalizingLineEnds(text));
+    // All lines are ranges of one buffer, which their plain text goes on sharing.
+    const HXChunk prepared(
+        HXXMLStringByRemovingForbiddenCharacters(HXStringByNormalizingLineEnds(text)));
+    const QStringView characters = prepared.view();
     QList<HXChunk> paragraphs;
     qsizetype start = 0;
-    while (start < prepared.size()) {
-        qsizetype end = prepared.indexOf(QLatin1Char('\n'), start);
-        end = end < 0 ? prepared.size() : end + 1;
-        paragraphs.append(HXChunk(HXParagraph::paragraphWithString(
-            prepared.sliced(start, end - start), markup, recognizedDefinitions)));
+    while (start < characters.size()) {
+        qsizetype end = characters.indexOf(QLatin1Char('\n'), start);
+        end = end < 0 ? characters.size() : end + 1;
+        paragraphs.append(HXChunk(HXParagraph::paragraphWithText(
+            prepared.substringWithRange(HXRange{quint64(start), quint64(end - start)}), markup,
+            recognizedDefinitions)));
         start = end;
     }
     auto string = std::make_shared<HXString>(markup, recognizedDefinitions);

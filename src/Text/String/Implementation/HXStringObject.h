@@ -65,12 +65,13 @@ protected:
     HXStringObject(const HXStringObject &other)
         : m_kind(other.m_kind) {}
 
-    // Room that subclasses use for flags and a small number, which would otherwise cost them
-    // a word of their own.
-    quint8 m_flags = 0;
-    qint16 m_small = 0;
-
 private:
     mutable std::atomic<quint32> m_references{0};
     HXStringObjectKind m_kind;
+
+protected:
+    // Room that subclasses use for flags and a small number, which would otherwise cost them
+    // a word of their own: with the count and the kind, one word beside the virtual table.
+    quint8 m_flags = 0;
+    qint16 m_small = 0;
 };

@@ -8,19 +8,56 @@
 
 // --- Making paragraphs ----------------------------------------------------------------------
 
+const HXParagraph::Extras &HXParagraph::noExtras() {
+    static const Extras none;
+    return none;
+}
+
+void HXParagraph::setExtras(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
+                            const HXBookmarkRef &bookmark) {
+    if (groupings.isEmpty() && !tag && !bookmark) {
+        m_extras.reset();
+        return;
+    }
+    if (!m_extras)
+        m_extras = std::make_unique<Extras>();
+    m_extras->groupings = groupings;
+    m_extras->tag = tag;
+    m_extras->bookmark = bookmark;
+}
+
+void HXParagraph::setBookmark(const HXBookmarkRef &bookmark) {
+    setExtras(groupings(), tag(), bookmark);
+}
+
+void HXParagraph::storeRecognizedDefinitions(HXDefinitionSelector recognizedDefinitions) {
+    HX_ASSERT(recognizedDefinitions == HXDefinitionSelector(qint16(recognizedDefinitions)),
+              u"The definition selector 0x%lx is out of the range of paragraphs.",
+              recognizedDefinitions);
+    m_small = qint16(recognizedDefinitions);
+}
+
 HXRef<HXParagraph> HXParagraph::paragraphWithString(const QString &string,
                                                     const std::shared_ptr<HXMarkup> &markup,
                                                     HXDefinitionSelector recognizedDefinitions,
                                                     const HXParagraph *bookmarkSource) {
+    return paragraphWithText(string.isEmpty() ? HXChunk() : HXChunk(string), markup,
+                             recognizedDefinitions, bookmarkSource);
+}
+
+HXRef<HXParagraph> HXParagraph::paragraphWithText(const HXChunk &text,
+                                                  const std::shared_ptr<HXMarkup> &markup,
+                                                  HXDefinitionSelector recognizedDefinitions,
+                                                  const HXParagraph *bookmarkSource) {
     auto paragraph = HXRef<HXParagraph>::make();
     paragraph->m_markup = markup;
-    paragraph->m_recognizedDefinitions = recognizedDefinitions;
+    paragraph->storeRecognizedDefinitions(recognizedDefinitions);
     if (bookmarkSource)
-        paragraph->m_bookmark = bookmarkSource->m_bookmark;
-    if (string.isEmpty())
+        paragraph->setBookmark(bookmarkSource->bookmark());
+    if (text.length() == 0)
         paragraph->updateAtoms(std::nullopt);
     else
-        paragraph->setString(string);
+        paragraph->setText(text);
     return paragraph;
 }
 
@@ -47,17 +84,20 @@ HXRef<HXParagraph> HXParagraph::paragraphWithTag(const HXTextTagRef &tag,
 }
 
 void HXParagraph::setString(const QString &string) {
+    setText(string.isEmpty() ? HXChunk() : HXChunk(string));
+}
+
+void HXParagraph::setText(const HXChunk &text) {
     setHeadChunk(HXChunk());
-    m_groupings.clear();
-    m_tag = nullptr;
-    setInnerChunks(string.isEmpty() ? QList<HXChunk>{} : QList<HXChunk>{string});
+    setExtras({}, nullptr, bookmark());
+    setInnerChunks(text.length() == 0 ? QList<HXChunk>{} : QList<HXChunk>{text});
     HXTextParser::reparseParagraph(*this);
 }
 
 void HXParagraph::setRecognizedDefinitions(HXDefinitionSelector recognizedDefinitions) {
-    if (recognizedDefinitions == m_recognizedDefinitions)
+    if (recognizedDefinitions == this->recognizedDefinitions())
         return;
-    m_recognizedDefinitions = recognizedDefinitions;
+    storeRecognizedDefinitions(recognizedDefinitions);
     HXTextParser::reparseParagraph(*this);
 }
 
@@ -78,26 +118,25 @@ QList<HXTextAtomRef> HXParagraph::prefixAtoms() const {
 
 HXTextAtomRef HXParagraph::tagString() const {
     const QList<HXTextAtomRef> atoms = prefixAtoms();
-    return m_tag && !atoms.isEmpty() ? atoms.last() : nullptr;
+    return tag() && !atoms.isEmpty() ? atoms.last() : nullptr;
 }
 
 QList<HXTextAtomRef> HXParagraph::groupTagStrings() const {
-    return prefixAtoms().mid(0, m_groupings.size());
+    return prefixAtoms().mid(0, groupings().size());
 }
 
 void HXParagraph::setGroupings(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
                                const QStringList &strings) {
     HX_ASSERT(strings.size() == groupings.size() + (tag ? 1 : 0), u"Mismatching number of strings");
-    m_groupings = groupings;
-    m_tag = tag;
+    setExtras(groupings, tag, bookmark());
     updateAtoms(strings);
 }
 
 void HXParagraph::updateAtoms(const std::optional<QStringList> &strings,
                               const HXIndexProvider &indexProvider) {
-    QList<HXTextTagRef> prefix = m_groupings;
-    if (m_tag)
-        prefix.append(m_tag);
+    QList<HXTextTagRef> prefix = groupings();
+    if (tag())
+        prefix.append(tag());
     const QList<HXTextAtomRef> present = prefixAtoms();
     HXRef<HXChunkString> head;
     if (!prefix.isEmpty()) {
@@ -135,19 +174,20 @@ void HXParagraph::setMarkup(const std::shared_ptr<HXMarkup> &markup,
         const HXTextTagRef found = markup->tagWithIdentifier(tag->definition()->identifier(), text);
         return found ? found : tag;
     };
-    for (qsizetype level = 0; level < m_groupings.size(); ++level)
-        m_groupings[level] = convert(m_groupings.at(level), level);
-    m_tag = convert(m_tag, m_groupings.size());
+    QList<HXTextTagRef> groupings = this->groupings();
+    for (qsizetype level = 0; level < groupings.size(); ++level)
+        groupings[level] = convert(groupings.at(level), level);
+    setExtras(groupings, convert(tag(), groupings.size()), bookmark());
     updateAtoms(std::nullopt, indexProvider);
     HXTextNode::setMarkup(markup);
     HXTextParser::reparseParagraph(*this);
 }
 
 bool HXParagraph::noParsingInside() const {
-    if (m_tag && m_tag->definition()->noParsingInside())
+    if (tag() && tag()->definition()->noParsingInside())
         return true;
-    return !m_groupings.isEmpty() && m_groupings.last() &&
-           m_groupings.last()->definition()->noParsingInside();
+    return !groupings().isEmpty() && groupings().last() &&
+           groupings().last()->definition()->noParsingInside();
 }
 
 bool HXParagraph::endsInLineFeed() const {
@@ -158,9 +198,9 @@ bool HXParagraph::endsInLineFeed() const {
 void HXParagraph::getReplacement(QString *replacement, HXRange *range,
                                  const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
                                  const HXIndexProvider &indexProvider) const {
-    QList<HXTextTagRef> oldTags = m_groupings;
-    if (m_tag)
-        oldTags.append(m_tag);
+    QList<HXTextTagRef> oldTags = this->groupings();
+    if (this->tag())
+        oldTags.append(this->tag());
     QStringList oldStrings;
     for (const HXTextAtomRef &atom : prefixAtoms())
         oldStrings.append(atom ? atom->stringRepresentation() : QString());
@@ -327,7 +367,7 @@ bool HXParagraph::isCountable() const {
     auto countable = [](const HXTextTagRef &tag) {
         return !tag || !(tag->definition()->countingOptions() & HXCountingNotCountable);
     };
-    return countable(m_tag) && std::all_of(m_groupings.begin(), m_groupings.end(), countable);
+    return countable(tag()) && std::all_of(groupings().begin(), groupings().end(), countable);
 }
 
 // --- Copying and comparing ------------------------------------------------------------------
@@ -341,16 +381,15 @@ HXRef<HXChunkString> HXParagraph::copyWithRange(HXRange range) const {
 void HXParagraph::initWithChunkString(const HXChunkString &other, HXRange range) {
     HXTextNode::initWithChunkString(other, range);
     const auto &source = static_cast<const HXParagraph &>(other);
-    m_recognizedDefinitions = source.m_recognizedDefinitions;
-    m_bookmark = source.m_bookmark;
+    storeRecognizedDefinitions(source.recognizedDefinitions());
+    setExtras({}, nullptr, source.bookmark());
     const HXChunkString *head = headStringInPlace();
     if (!head) {
         // The prefix stayed behind; so do its tags.
         setHeadChunk(HXChunk());
         return;
     }
-    m_groupings = source.m_groupings;
-    m_tag = source.m_tag;
+    setExtras(source.groupings(), source.tag(), bookmark());
 }
 
 bool HXParagraph::isOfClassOf(const HXChunkString &other) const {
@@ -364,10 +403,10 @@ bool HXParagraph::isEqualToChunkString(const HXChunkString &other) const {
     auto sameTag = [](const HXTextTagRef &a, const HXTextTagRef &b) {
         return a == b || (a && b && a->isEqual(*b));
     };
-    if (!sameTag(m_tag, paragraph->m_tag) || m_groupings.size() != paragraph->m_groupings.size())
+    if (!sameTag(tag(), paragraph->tag()) || groupings().size() != paragraph->groupings().size())
         return false;
-    for (qsizetype i = 0; i < m_groupings.size(); ++i) {
-        if (!sameTag(m_groupings.at(i), paragraph->m_groupings.at(i)))
+    for (qsizetype i = 0; i < groupings().size(); ++i) {
+        if (!sameTag(groupings().at(i), paragraph->groupings().at(i)))
             return false;
     }
     return true;
@@ -375,24 +414,24 @@ bool HXParagraph::isEqualToChunkString(const HXChunkString &other) const {
 
 QString HXParagraph::description() const {
     QStringList prefix;
-    for (const HXTextTagRef &grouping : m_groupings)
+    for (const HXTextTagRef &grouping : groupings())
         prefix.append(grouping ? grouping->definition()->identifier() : QStringLiteral("indent"));
-    if (m_tag)
-        prefix.append(m_tag->definition()->identifier());
+    if (tag())
+        prefix.append(tag()->definition()->identifier());
     return QStringLiteral("<HXParagraph [%1]%2 %3>")
         .arg(prefix.join(QStringLiteral(", ")),
-             m_bookmark ? QStringLiteral(" bookmarked") : QString(), HXTextNode::description());
+             bookmark() ? QStringLiteral(" bookmarked") : QString(), HXTextNode::description());
 }
 
 void HXParagraph::checkInvariants(bool deep) const {
     HXTextNode::checkInvariants(deep);
     if (const HXChunkString *head = headStringInPlace()) {
-        HX_ASSERT(head->numberOfMapEntries() - 1 == m_groupings.size() + (m_tag ? 1 : 0),
+        HX_ASSERT(head->numberOfMapEntries() - 1 == groupings().size() + (tag() ? 1 : 0),
                   u"Mismatching number of strings");
         for (const HXChunk &chunk : head->allChunks())
             HX_ASSERT(chunk.as<HXTextAtom>(), u"Head chunk of %@ holds no atom.", description());
     } else if (!headChunk()) {
-        HX_ASSERT(m_groupings.isEmpty() && !m_tag, u"Mismatching number of strings");
+        HX_ASSERT(groupings().isEmpty() && !tag(), u"Mismatching number of strings");
     }
     const qsizetype lineFeed = string().indexOf(QLatin1Char('\n'));
     HX_ASSERT(lineFeed < 0 || quint64(lineFeed) == length() - 1, u"Line feed inside paragraph %@.",

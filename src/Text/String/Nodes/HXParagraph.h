@@ -29,6 +29,11 @@ public:
     paragraphWithString(const QString &string, const std::shared_ptr<HXMarkup> &markup,
                         HXDefinitionSelector recognizedDefinitions = HXDefaultDefinitionSelector,
                         const HXParagraph *bookmarkSource = nullptr);
+    // The same for a plain chunk, whose buffer the paragraph's plain text then shares.
+    static HXRef<HXParagraph>
+    paragraphWithText(const HXChunk &text, const std::shared_ptr<HXMarkup> &markup,
+                      HXDefinitionSelector recognizedDefinitions = HXDefaultDefinitionSelector,
+                      const HXParagraph *bookmarkSource = nullptr);
     // An empty paragraph with the prefix of the tags: each tag's text made from its pattern, or
     // from the preferred tag's where one is given for that place, with the given numbers.
     static HXRef<HXParagraph> paragraphWithTag(const HXTextTagRef &tag,
@@ -38,16 +43,22 @@ public:
                                                const std::shared_ptr<HXMarkup> &markup);
 
     HXParagraph()
-        : HXTextNode(HXStringObjectKind::Paragraph) {}
+        : HXTextNode(HXStringObjectKind::Paragraph) {
+        m_small = qint16(HXDefaultDefinitionSelector);
+    }
 
-    HXDefinitionSelector recognizedDefinitions() const { return m_recognizedDefinitions; }
+    HXDefinitionSelector recognizedDefinitions() const { return HXDefinitionSelector(m_small); }
     // Takes the selector and, on a change, parses the paragraph anew.
     void setRecognizedDefinitions(HXDefinitionSelector recognizedDefinitions);
-    const QList<HXTextTagRef> &groupings() const { return m_groupings; }
-    qsizetype level() const { return m_groupings.size(); }
-    const HXTextTagRef &tag() const { return m_tag; }
-    const HXBookmarkRef &bookmark() const { return m_bookmark; }
-    void setBookmark(const HXBookmarkRef &bookmark) { m_bookmark = bookmark; }
+    const QList<HXTextTagRef> &groupings() const {
+        return m_extras ? m_extras->groupings : noExtras().groupings;
+    }
+    qsizetype level() const { return groupings().size(); }
+    const HXTextTagRef &tag() const { return m_extras ? m_extras->tag : noExtras().tag; }
+    const HXBookmarkRef &bookmark() const {
+        return m_extras ? m_extras->bookmark : noExtras().bookmark;
+    }
+    void setBookmark(const HXBookmarkRef &bookmark);
 
     // Replaces the prefix and rebuilds its atoms from the strings, one for each grouping and the
     // tag; without strings the atoms are made from the tags' patterns.
@@ -66,6 +77,7 @@ public:
     void noteMarkupChanged() { setMarkup(m_markup, HXIndexProvider()); }
     // Replaces all the text and parses it.
     void setString(const QString &string);
+    void setText(const HXChunk &text);
 
     // The atoms of the prefix.
     HXTextAtomRef tagString() const;
@@ -111,10 +123,20 @@ private:
     // The head chunk as it stands in the map, or nothing when an edit has cut into it.
     const HXChunkString *headStringInPlace() const;
 
-    HXDefinitionSelector m_recognizedDefinitions = HXDefaultDefinitionSelector;
-    QList<HXTextTagRef> m_groupings;
-    HXTextTagRef m_tag;
-    HXBookmarkRef m_bookmark;
+    // What few paragraphs have, apart: most have no prefix and no bookmark.
+    struct Extras {
+        QList<HXTextTagRef> groupings;
+        HXTextTagRef tag;
+        HXBookmarkRef bookmark;
+    };
+    static const Extras &noExtras();
+    // Sets what the extras hold, and drops them when they hold nothing.
+    void setExtras(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
+                   const HXBookmarkRef &bookmark);
+    // The selector is kept in the small number of the object: selectors fit in 16 bits.
+    void storeRecognizedDefinitions(HXDefinitionSelector recognizedDefinitions);
+
+    std::unique_ptr<Extras> m_extras;
 };
 
 using HXParagraphRef = HXRef<HXParagraph>;
