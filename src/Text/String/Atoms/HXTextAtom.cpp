@@ -7,6 +7,7 @@
 #include <QHash>
 
 #include <algorithm>
+#include <array>
 #include <tuple>
 
 namespace {
@@ -29,6 +30,46 @@ struct AtomKey {
 size_t qHash(const AtomKey &key, size_t seed = 0) {
     return ::qHash(key.string, seed) ^ std::hash<const void *>()(key.tag) ^ (key.part << 1) ^
            size_t(key.paragraph);
+}
+
+// The atoms last asked for by tag and given text, in front of the derivation of their text from
+// the tag's pattern: most tag texts of a sheet are the same few. A slot holds the atom, and so
+// its tag, which keeps the tag's address from being reused while the slot names it.
+class RecentAtoms {
+public:
+    HXRef<HXTextAtom> find(const HXTextTag *tag, quint8 part, bool paragraph, bool entity,
+                           const QString &string) const {
+        const Slot &slot = m_slots[index(tag, part, string)];
+        if (slot.atom && slot.tag == tag && slot.part == part && slot.paragraph == paragraph &&
+            slot.entity == entity && slot.string.isNull() == string.isNull() &&
+            slot.string == string)
+            return slot.atom;
+        return nullptr;
+    }
+    void insert(const HXTextTag *tag, quint8 part, bool paragraph, bool entity,
+                const QString &string, const HXRef<HXTextAtom> &atom) {
+        m_slots[index(tag, part, string)] = Slot{tag, part, paragraph, entity, string, atom};
+    }
+
+private:
+    struct Slot {
+        const HXTextTag *tag = nullptr;
+        quint8 part = 0;
+        bool paragraph = false;
+        bool entity = false;
+        QString string;
+        HXRef<HXTextAtom> atom;
+    };
+    static constexpr size_t size = 512;
+    static size_t index(const HXTextTag *tag, quint8 part, const QString &string) {
+        return (::qHash(string, size_t(part)) ^ std::hash<const void *>()(tag)) & (size - 1);
+    }
+    std::array<Slot, size> m_slots;
+};
+
+RecentAtoms &recentAtoms() {
+    thread_local RecentAtoms recent;
+    return recent;
 }
 
 } // namespace
@@ -81,14 +122,27 @@ HXRef<HXTextAtom> HXTextAtom::atomForString(const HXTextTagRef &tag, quint8 part
     return shared(tag, part, paragraph, pattern, text);
 }
 
+HXRef<HXTextAtom> HXTextAtom::recentAtomForString(const HXTextTagRef &tag, quint8 part,
+                                                  bool paragraph, bool entity,
+                                                  const QString &string) {
+    RecentAtoms &recent = recentAtoms();
+    if (HXRef<HXTextAtom> atom = recent.find(tag.get(), part, paragraph, entity, string))
+        return atom;
+    HXRef<HXTextAtom> atom = atomForString(tag, part, paragraph, entity, string, {});
+    recent.insert(tag.get(), part, paragraph, entity, string, atom);
+    return atom;
+}
+
 HXRef<HXTextAtom> HXTextAtom::atomWithTextElement(const HXTextTagRef &tag, quint64 part,
                                                   bool entity, const QString &string) {
-    return atomForString(tag, quint8(part), false, entity, string, {});
+    return recentAtomForString(tag, quint8(part), false, entity, string);
 }
 
 HXRef<HXTextAtom> HXTextAtom::atomWithParagraph(const HXTextTagRef &tag, const QString &string,
                                                 const HXIndexProvider &indexProvider,
                                                 qsizetype level) {
+    if (!indexProvider)
+        return recentAtomForString(tag, 0, true, false, string);
     std::function<quint64()> indexer;
     if (indexProvider) {
         indexer = [&] {

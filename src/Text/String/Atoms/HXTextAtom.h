@@ -70,6 +70,10 @@ private:
     static HXRef<HXTextAtom> atomForString(const HXTextTagRef &tag, quint8 part, bool paragraph,
                                            bool entity, const QString &string,
                                            const std::function<quint64()> &indexer);
+    // The same without numbers to give, through a table of the atoms last asked for.
+    static HXRef<HXTextAtom> recentAtomForString(const HXTextTagRef &tag, quint8 part,
+                                                 bool paragraph, bool entity,
+                                                 const QString &string);
 
     QString m_pattern;
     QString m_string;

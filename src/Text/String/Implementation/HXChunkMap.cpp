@@ -25,17 +25,17 @@ void HXChunkMap::clearStorage() {
     m_count = 0;
 }
 
-void HXChunkMap::setSmall(std::vector<HXChunk> entries) {
+void HXChunkMap::setSmall(HXChunk *entries, size_t count) {
     clearStorage();
-    m_count = quint32(entries.size());
-    if (entries.size() <= 1) {
-        if (!entries.empty())
-            m_storage.single = std::move(entries.front());
+    m_count = quint32(count);
+    if (count <= 1) {
+        if (count == 1)
+            m_storage.single = std::move(entries[0]);
         return;
     }
     m_storage.single.~HXChunk();
-    auto *array = static_cast<HXChunk *>(::operator new(entries.size() * sizeof(HXChunk)));
-    for (size_t i = 0; i < entries.size(); ++i)
+    auto *array = static_cast<HXChunk *>(::operator new(count * sizeof(HXChunk)));
+    for (size_t i = 0; i < count; ++i)
         new (&array[i]) HXChunk(std::move(entries[i]));
     m_storage.array = array;
     m_capacity = m_count;
@@ -217,7 +217,7 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<HXChunk> entries) {
         for (qsizetype i = to.index; i < qsizetype(m_count); ++i)
             all.push_back(std::move(present[i]));
         if (all.size() <= maximumBlockSize)
-            setSmall(std::move(all));
+            setSmall(all.data(), all.size());
         else
             setBlocks(std::move(all));
         return;
@@ -275,13 +275,26 @@ void HXChunkMap::replace(Cursor from, Cursor to, std::vector<HXChunk> entries) {
 }
 
 void HXChunkMap::assign(std::vector<HXChunk> entries) {
+    if (entries.size() <= maximumBlockSize) {
+        assign(entries.data(), entries.size());
+        return;
+    }
     m_total = 0;
     for (const HXChunk &entry : entries)
         m_total += entry.recordedLength();
-    if (entries.size() <= maximumBlockSize)
-        setSmall(std::move(entries));
-    else
-        setBlocks(std::move(entries));
+    setBlocks(std::move(entries));
+}
+
+void HXChunkMap::assign(HXChunk *entries, size_t count) {
+    if (count > maximumBlockSize) {
+        assign(std::vector<HXChunk>(std::make_move_iterator(entries),
+                                    std::make_move_iterator(entries + count)));
+        return;
+    }
+    m_total = 0;
+    for (size_t i = 0; i < count; ++i)
+        m_total += entries[i].recordedLength();
+    setSmall(entries, count);
 }
 
 void HXChunkMap::rebalance(qsizetype firstBlock, qsizetype lastBlock) {

@@ -52,6 +52,8 @@ public:
     // carry their recorded lengths.
     void replace(Cursor from, Cursor to, std::vector<HXChunk> entries);
     void assign(std::vector<HXChunk> entries);
+    // The same for the chunks of an array, which are moved out of it.
+    void assign(HXChunk *entries, size_t count);
     // Puts another chunk of the same recorded length in place of the one at the cursor.
     void setChunk(Cursor cursor, HXChunk chunk);
 
@@ -85,7 +87,7 @@ private:
         return m_capacity == singleMode ? &m_storage.single : m_storage.array;
     }
     void clearStorage();
-    void setSmall(std::vector<HXChunk> entries);
+    void setSmall(HXChunk *entries, size_t count);
     void setBlocks(std::vector<HXChunk> entries);
 
     quint64 blockStart(qsizetype block) const;

@@ -183,6 +183,29 @@ void HXChunkString::setInnerChunks(const QList<HXChunk> &chunks) {
     m_map.assign(entriesForChunks(all));
 }
 
+void HXChunkString::takeInnerChunks(std::vector<HXChunk> chunks) {
+    const bool head = hasHeadChunk(), tail = hasTailChunk();
+    if (head)
+        chunks.insert(chunks.begin(), firstChunk());
+    if (tail)
+        chunks.push_back(lastChunk());
+    setAllChunks(chunks.data(), chunks.size(), head, tail);
+}
+
+void HXChunkString::setAllChunks(HXChunk *chunks, size_t count, bool head, bool tail) {
+    for (size_t i = 0; i < count; ++i) {
+        HXChunk &chunk = chunks[i];
+        HX_ASSERT(!chunk.isNull(), u"Chunks must be kind of NSString (subclasses)!");
+        const quint64 chunkLength = chunk.length();
+        HX_ASSERT(chunkLength > 0, u"Chunks must be non-zero length!");
+        adopt(chunk);
+        chunk.setRecordedLength(chunkLength);
+    }
+    m_map.assign(chunks, count);
+    setFlag(headFlag, head && count > 0);
+    setFlag(tailFlag, tail && count > (head ? 1u : 0u));
+}
+
 void HXChunkString::setHeadChunk(const HXChunk &chunk) {
     const HXChunk replacement = chunk && chunk.length() > 0 ? chunk : HXChunk();
     if (hasHeadChunk()) {

@@ -78,6 +78,10 @@ public:
 
     // --- Changing --------------------------------------------------------------------------
     void setInnerChunks(const QList<HXChunk> &chunks);
+    void takeInnerChunks(std::vector<HXChunk> chunks);
+    // Puts the chunks, moved out of the array, in place of all; `head` and `tail` say whether
+    // the first and the last of them are the head and the tail chunk.
+    void setAllChunks(HXChunk *chunks, size_t count, bool head, bool tail);
     void setHeadChunk(const HXChunk &chunk);
     void setTailChunk(const HXChunk &chunk);
     // Splices whole chunks: the range must begin and end on keys.

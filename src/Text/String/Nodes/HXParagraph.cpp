@@ -4,7 +4,10 @@
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXAssert.h"
 
+#include <QHash>
 #include <QRegularExpression>
+
+#include <array>
 
 // --- Making paragraphs ----------------------------------------------------------------------
 
@@ -132,34 +135,84 @@ void HXParagraph::setGroupings(const QList<HXTextTagRef> &groupings, const HXTex
     updateAtoms(strings);
 }
 
+namespace {
+
+// Heads are immutable once made, and paragraphs with the same prefix share one: the heads last
+// made on this thread, by their atoms, which are shared themselves.
+struct HeadKey {
+    std::array<const HXTextAtom *, 4> atoms{};
+    friend bool operator==(const HeadKey &, const HeadKey &) = default;
+};
+
+size_t qHash(const HeadKey &key, size_t seed = 0) {
+    return qHashRange(key.atoms.begin(), key.atoms.end(), seed);
+}
+
+HXChunk sharedHead(const QList<HXChunk> &atoms) {
+    auto make = [&] {
+        auto head = HXRef<HXChunkString>::make();
+        head->setInnerChunks(atoms);
+        return head;
+    };
+    if (atoms.size() > qsizetype(std::tuple_size_v<decltype(HeadKey::atoms)>))
+        return HXChunk(make());
+    thread_local QHash<HeadKey, HXRef<HXChunkString>> heads;
+    HeadKey key;
+    for (qsizetype i = 0; i < atoms.size(); ++i)
+        key.atoms[size_t(i)] = atoms.at(i).as<HXTextAtom>();
+    auto found = heads.constFind(key);
+    if (found != heads.constEnd())
+        return HXChunk(*found);
+    if (heads.size() > 4096)
+        heads.clear();
+    const HXRef<HXChunkString> head = make();
+    heads.insert(key, head);
+    return HXChunk(head);
+}
+
+} // namespace
+
+HXChunk HXParagraph::headOfPrefix(const std::optional<QStringList> &strings,
+                                  const HXIndexProvider &indexProvider) const {
+    const QList<HXTextTagRef> &groupings = this->groupings();
+    const qsizetype count = groupings.size() + (tag() ? 1 : 0);
+    if (count == 0)
+        return HXChunk();
+    auto tagAt = [&](qsizetype level) -> const HXTextTagRef & {
+        return level < groupings.size() ? groupings.at(level) : tag();
+    };
+    const QList<HXTextAtomRef> present = strings ? QList<HXTextAtomRef>() : prefixAtoms();
+    QList<HXChunk> atoms;
+    atoms.reserve(count);
+    for (qsizetype level = 0; level < count; ++level) {
+        HXTextAtomRef atom;
+        if (strings)
+            atom = HXTextAtom::atomWithParagraph(tagAt(level), strings->at(level), indexProvider,
+                                                 level);
+        else if (level < present.size() && present.at(level))
+            atom = HXTextAtom::copyOfAtom(*present.at(level), tagAt(level), indexProvider, level);
+        else
+            atom = HXTextAtom::atomWithParagraph(tagAt(level), QString(), indexProvider, level);
+        if (atom->length() > 0)
+            atoms.append(HXChunk(atom));
+    }
+    return atoms.isEmpty() ? HXChunk() : sharedHead(atoms);
+}
+
 void HXParagraph::updateAtoms(const std::optional<QStringList> &strings,
                               const HXIndexProvider &indexProvider) {
-    QList<HXTextTagRef> prefix = groupings();
-    if (tag())
-        prefix.append(tag());
-    const QList<HXTextAtomRef> present = prefixAtoms();
-    HXRef<HXChunkString> head;
-    if (!prefix.isEmpty()) {
-        QList<HXChunk> atoms;
-        atoms.reserve(prefix.size());
-        for (qsizetype level = 0; level < prefix.size(); ++level) {
-            HXTextAtomRef atom;
-            if (strings)
-                atom = HXTextAtom::atomWithParagraph(prefix.at(level), strings->at(level),
-                                                     indexProvider, level);
-            else if (level < present.size() && present.at(level))
-                atom = HXTextAtom::copyOfAtom(*present.at(level), prefix.at(level), indexProvider,
-                                              level);
-            else
-                atom = HXTextAtom::atomWithParagraph(prefix.at(level), QString(), indexProvider,
-                                                     level);
-            if (atom->length() > 0)
-                atoms.append(HXChunk(atom));
-        }
-        head = HXRef<HXChunkString>::make();
-        head->setInnerChunks(atoms);
-    }
-    setHeadChunk(head && head->length() > 0 ? HXChunk(head) : HXChunk());
+    setHeadChunk(headOfPrefix(strings, indexProvider));
+}
+
+void HXParagraph::setParsed(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
+                            const QStringList &strings, std::vector<HXChunk> chunks) {
+    HX_ASSERT(strings.size() == groupings.size() + (tag ? 1 : 0), u"Mismatching number of strings");
+    setExtras(groupings, tag, bookmark());
+    HXChunk head = headOfPrefix(strings, {});
+    const bool hasHead = bool(head);
+    if (hasHead)
+        chunks.insert(chunks.begin(), std::move(head));
+    setAllChunks(chunks.data(), chunks.size(), hasHead, false);
 }
 
 void HXParagraph::setMarkup(const std::shared_ptr<HXMarkup> &markup,

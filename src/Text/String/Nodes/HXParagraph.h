@@ -64,6 +64,10 @@ public:
     // tag; without strings the atoms are made from the tags' patterns.
     void setGroupings(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
                       const QStringList &strings);
+    // What a parse found: the prefix with the texts of its tags, and the inner chunks, which are
+    // taken over.
+    void setParsed(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
+                   const QStringList &strings, std::vector<HXChunk> chunks);
     // Rebuilds the head chunk: with strings one atom for each; without, each atom is rewritten
     // for its present tag.
     void updateAtoms(const std::optional<QStringList> &strings,
@@ -122,6 +126,9 @@ protected:
 private:
     // The head chunk as it stands in the map, or nothing when an edit has cut into it.
     const HXChunkString *headStringInPlace() const;
+    // The head chunk of the prefix's atoms, as updateAtoms makes them; nothing for no text.
+    HXChunk headOfPrefix(const std::optional<QStringList> &strings,
+                         const HXIndexProvider &indexProvider) const;
 
     // What few paragraphs have, apart: most have no prefix and no bookmark.
     struct Extras {

@@ -118,9 +118,13 @@ bool HXTextElement::isIntact() const {
 }
 
 void HXTextElement::updateAtomsWithHead(const QString &givenHead, const QString &givenTail) {
-    const QString head = givenHead.isNull() ? textOfTagChunk(headChunk()) : givenHead;
-    const QString tail = givenTail.isNull() ? textOfTagChunk(tailChunk()) : givenTail;
+    deriveAtoms(givenHead.isNull() ? textOfTagChunk(headChunk()) : givenHead,
+                givenTail.isNull() ? textOfTagChunk(tailChunk()) : givenTail);
+    setHeadChunk(HXChunk(m_headAtom));
+    setTailChunk(m_closed && !m_isObject ? HXChunk(m_tailAtom) : HXChunk());
+}
 
+void HXTextElement::deriveAtoms(const QString &head, const QString &tail) {
     if (m_definition) {
         const quint64 scope = m_definition->scope();
         m_isObject = m_isObject || scope == HXObjectScope;
@@ -154,9 +158,51 @@ void HXTextElement::updateAtomsWithHead(const QString &givenHead, const QString 
         m_tailAtom =
             m_definition ? HXTextAtom::atomWithTextElement(m_tag, 1, m_isEntity, tail) : nullptr;
     }
+}
 
-    setHeadChunk(HXChunk(m_headAtom));
-    setTailChunk(m_closed && !m_isObject ? HXChunk(m_tailAtom) : HXChunk());
+HXRef<HXTextElement> HXTextElement::emptyElement(const std::shared_ptr<HXMarkup> &markup) {
+    auto element = HXRef<HXTextElement>::make();
+    element->m_markup = markup;
+    return element;
+}
+
+bool HXTextElement::beginParsed(const HXTextTagRef &tag, const QString &startTag) {
+    if (tag && m_definition)
+        HX_ASSERT(HXDefinitionsEqual(tag->definition(), m_definition),
+                  u"Must not change definition of an element.");
+    if (tag && !m_definition)
+        m_definition = tag->definition();
+    m_tag = tag;
+    deriveAtoms(startTag, textOfTagChunk(tailChunk()));
+    return m_closed && !m_isObject && m_tailAtom && m_tailAtom->length() > 0;
+}
+
+void HXTextElement::finishParsedObject() {
+    HXChunk head = headAtomInPlace() ? HXChunk(m_headAtom) : HXChunk();
+    setAllChunks(&head, head ? 1 : 0, bool(head), false);
+}
+
+void HXTextElement::finishParsed(std::vector<HXChunk> &chunks, bool closed, const QString &endTag,
+                                 bool oldTailInPlace) {
+    m_closed = closed;
+    deriveAtoms(headAtomInPlace() ? textOfTagChunk(HXChunk(m_headAtom)) : QString(),
+                !endTag.isNull() ? endTag
+                : oldTailInPlace ? textOfTagChunk(HXChunk(m_tailAtom))
+                                 : QString());
+    const bool head = headAtomInPlace();
+    const bool tail = m_closed && !m_isObject && m_tailAtom && m_tailAtom->length() > 0;
+    HXChunk *first = chunks.data();
+    size_t count = chunks.size();
+    if (head)
+        chunks.front() = HXChunk(m_headAtom);
+    else
+        ++first, --count;
+    if (tail) {
+        chunks.push_back(HXChunk(m_tailAtom));
+        first = chunks.data() + (head ? 0 : 1);
+        ++count;
+    }
+    setAllChunks(first, count, head, tail);
 }
 
 QString HXTextElement::startTagString() const {

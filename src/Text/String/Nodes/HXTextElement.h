@@ -71,6 +71,19 @@ public:
     // Derives the flags and the atoms: the start and end tag texts given, or the present ones.
     void updateAtomsWithHead(const QString &head, const QString &tail);
 
+    // The parser's way of making an element, with one change of chunks where setting the tag,
+    // the inner chunks and the end tag in turn would make three. A new element (of the markup,
+    // without a tag) or one taken up again after melting is given its tag and start tag text;
+    // the result says whether its old end tag would have stayed in place, which the end needs.
+    static HXRef<HXTextElement> emptyElement(const std::shared_ptr<HXMarkup> &markup);
+    bool beginParsed(const HXTextTagRef &tag, const QString &startTag);
+    // An object ends at once: it has no inner chunks.
+    void finishParsedObject();
+    // The inner chunks stand in `chunks` behind a free first place; the end tag text is given
+    // when the element is closed.
+    void finishParsed(std::vector<HXChunk> &chunks, bool closed, const QString &endTag,
+                      bool oldTailInPlace);
+
     // The tag texts; for an entity the tag's literal text of that part, if it has one.
     QString startTagString() const;
     QString endTagString() const;
@@ -101,6 +114,9 @@ protected:
 
 private:
     void initWithTag(const HXTextTagRef &tag, const std::shared_ptr<HXMarkup> &markup);
+    // The flags, the attributes and the atoms for the tag texts, without placing the atoms.
+    void deriveAtoms(const QString &head, const QString &tail);
+    bool headAtomInPlace() const { return m_headAtom && m_headAtom->length() > 0; }
 
     HXTextAtomRef m_headAtom;
     HXTextAtomRef m_tailAtom;

@@ -339,18 +339,22 @@ public:
 
     // The chunks of the range, with its elements; melted elements are taken up again from the
     // reusable ones.
-    QList<HXChunk> parse(HXRange range, HXTextParser::ReusableElements &reusable);
+    std::vector<HXChunk> parse(HXRange range, HXTextParser::ReusableElements &reusable);
 
 private:
     struct Open {
         qsizetype candidate;
         HXRef<HXTextElement> element;
-        QList<HXChunk> children;
+        // The inner chunks found so far, behind a free place for the head atom.
+        std::vector<HXChunk> children;
+        bool oldTailInPlace;
     };
 
-    QList<HXChunk> &target() { return m_open.empty() ? m_root : m_open.back().children; }
+    std::vector<HXChunk> &target() { return m_open.empty() ? m_root : m_open.back().children; }
     // The text and the kept elements of a stretch without matches, each element parsed inside.
     void appendText(quint64 from, quint64 to);
+    // Ends the innermost open element, closed by the matched text or left open.
+    void closeInnermost(bool closing, const QString &matchedText, MatchCache &cache);
 
     const FlatText &m_flat;
     const HXParseTables &m_tables;
@@ -359,7 +363,7 @@ private:
     HXPatternMatcher::Text m_text;
     TextRanges m_textRanges;
     Candidates m_candidates;
-    QList<HXChunk> m_root;
+    std::vector<HXChunk> m_root;
     std::vector<Open> m_open;
 };
 
@@ -370,7 +374,7 @@ void InlineParser::appendText(quint64 from, quint64 to) {
     quint64 position = from;
     auto plain = [&](quint64 end) {
         if (end > position)
-            target().append(m_flat.text.chunk(position, end - position));
+            target().push_back(m_flat.text.chunk(position, end - position));
     };
     for (const FlatText::Kept &kept : m_flat.kept) {
         if (kept.location < from)
@@ -379,13 +383,25 @@ void InlineParser::appendText(quint64 from, quint64 to) {
             break;
         plain(kept.location);
         reparseElement(*kept.element, m_forbidden, m_tables);
-        target().append(HXChunk(kept.element));
+        target().push_back(HXChunk(kept.element));
         position = kept.location + kept.element->length();
     }
     plain(to);
 }
 
-QList<HXChunk> InlineParser::parse(HXRange range, HXTextParser::ReusableElements &reusable) {
+void InlineParser::closeInnermost(bool closing, const QString &matchedText, MatchCache &cache) {
+    Open open = std::move(m_open.back());
+    m_open.pop_back();
+    HXTextElement &element = *open.element;
+    element.finishParsed(open.children, closing, closing ? matchedText : QString(),
+                         open.oldTailInPlace);
+    if (element.isEntity() || (closing && element.definition()->noParsingInside()))
+        reparseElement(element, m_forbidden, m_tables);
+    cache[open.candidate].known = false;
+    target().push_back(HXChunk(open.element));
+}
+
+std::vector<HXChunk> InlineParser::parse(HXRange range, HXTextParser::ReusableElements &reusable) {
     MatchCache cache(m_candidates.size());
     OpenTags openTags;
     quint64 position = range.location;
@@ -401,28 +417,33 @@ QList<HXChunk> InlineParser::parse(HXRange range, HXTextParser::ReusableElements
         appendText(position, matched.location);
 
         const QString matchedText =
-            m_flat.text.view()
-                .sliced(qsizetype(matched.location), qsizetype(matched.length))
-                .toString();
-        const TagRef tag = found >= 0 ? m_candidates.at(found)->tag : nullptr;
+            found < 0 ? QString()
+                      : m_flat.text.view()
+                            .sliced(qsizetype(matched.location), qsizetype(matched.length))
+                            .toString();
+        static const TagRef noTag;
+        const TagRef &tag = found >= 0 ? m_candidates.at(found)->tag : noTag;
         const bool wasOpen = tag && indexOfOpen(openTags, tag.get()) >= 0;
         if (found >= 0 && !tag) {
-            target().append(HXChunk(HXRef<HXEscapeAtom>::make(matchedText)));
+            target().push_back(HXChunk(HXRef<HXEscapeAtom>::make(matchedText)));
         } else if (found >= 0 && !wasOpen) {
             HXRef<HXTextElement> element;
             auto waiting = reusable.find(tag.get());
-            if (waiting != reusable.end() && !waiting->isEmpty()) {
+            if (waiting != reusable.end() && !waiting->isEmpty())
                 element = waiting->takeLast();
-                element->clear();
-            } else {
-                element = HXTextElement::elementWithTag(nullptr, m_markup, false);
-            }
-            element->setTag(tag, matchedText);
+            else
+                element = HXTextElement::emptyElement(m_markup);
+            const bool oldTailInPlace = element->beginParsed(tag, matchedText);
             if (element->isObject()) {
-                target().append(HXChunk(element));
+                element->finishParsedObject();
+                target().push_back(HXChunk(element));
             } else {
                 openTags.append(tag.get());
-                m_open.push_back(Open{found, element, {}});
+                std::vector<HXChunk> children;
+                children.reserve(4);
+                children.emplace_back();
+                m_open.push_back(Open{found, std::move(element), std::move(children),
+                                      oldTailInPlace});
             }
         }
 
@@ -432,18 +453,9 @@ QList<HXChunk> InlineParser::parse(HXRange range, HXTextParser::ReusableElements
         if (wasOpen || (atEnd && !openTags.isEmpty())) {
             const qsizetype down = atEnd ? 0 : indexOfOpen(openTags, tag.get());
             while (openTags.size() > down) {
-                Open open = std::move(m_open.back());
-                m_open.pop_back();
                 const HXTextTag *openTag = openTags.back();
                 openTags.removeLast();
-                const bool closing = wasOpen && openTag == tag.get();
-                open.element->setInnerChunks(open.children);
-                open.element->setClosed(closing, closing ? matchedText : QString());
-                if (open.element->isEntity() ||
-                    (closing && open.element->definition()->noParsingInside()))
-                    reparseElement(*open.element, m_forbidden, m_tables);
-                cache[open.candidate].known = false;
-                target().append(HXChunk(open.element));
+                closeInnermost(wasOpen && openTag == tag.get(), matchedText, cache);
             }
         }
         if (found < 0)
@@ -464,6 +476,11 @@ void reparseElement(HXTextElement &element, HXTextParser::TagSet forbidden,
     if (definition && definition->noParsingInside() && element.isClosed()) {
         // Nothing is parsed in code, no escape either.
         if (element.markup().get() == tables.markup) {
+            // Code of plain text already is what its parse would make.
+            const HXRange inner = element.innerChunkRange();
+            const HXChunk first = element.chunkAtIndex(inner.location);
+            if (inner.length == 0 || (first.isPlain() && first.length() == inner.length))
+                return;
             forbidden = tables.forbiddenInCode;
         } else {
             if (element.markup()) {
@@ -476,7 +493,7 @@ void reparseElement(HXTextElement &element, HXTextParser::TagSet forbidden,
     }
     FlatText flat = flatten(element, forbidden, 0);
     InlineParser parser(flat, tables, element.markup(), forbidden);
-    element.setInnerChunks(parser.parse(element.innerChunkRange(), flat.reusable));
+    element.takeInnerChunks(parser.parse(element.innerChunkRange(), flat.reusable));
 }
 
 // --- Comparing ------------------------------------------------------------------------------
@@ -637,10 +654,18 @@ void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText
     const quint64 flatLength = flat.text.length;
     const bool lineFeed = paragraph.endsInLineFeed() && flatLength > consumed;
     InlineParser parser(flat, *tables, markup, forbidden);
-    QList<HXChunk> chunks =
+    std::vector<HXChunk> chunks =
         parser.parse(HXRange{consumed, flatLength - consumed - (lineFeed ? 1 : 0)}, flat.reusable);
-    if (lineFeed)
-        chunks.append(HXChunk(QStringLiteral("\n")));
+    if (lineFeed) {
+        // It belongs to the plain text in front of it, where there is one.
+        const HXChunk lineFeedChunk = flat.text.chunk(flatLength - 1, 1);
+        HXChunk *last = chunks.empty() ? nullptr : &chunks.back();
+        if (last && last->isPlain() && last->buffer() == lineFeedChunk.buffer() &&
+            last->offset() + last->recordedLength() == lineFeedChunk.offset())
+            *last = HXChunk(last->buffer(), last->offset(), last->recordedLength() + 1);
+        else
+            chunks.push_back(lineFeedChunk);
+    }
 
     auto sameTag = [](const TagRef &a, const TagRef &b) { return a.get() == b.get(); };
     bool prefixChanged =
@@ -648,9 +673,7 @@ void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText
     for (qsizetype i = 0; !prefixChanged && i < groupings.size(); ++i)
         prefixChanged = !sameTag(paragraph.groupings().at(i), groupings.at(i));
 
-    paragraph.setHeadChunk(HXChunk());
-    paragraph.setInnerChunks(chunks);
-    paragraph.setGroupings(groupings, tag, strings);
+    paragraph.setParsed(groupings, tag, strings, std::move(chunks));
 
     if (changedText)
         *changedText = compareFlatString(characters.view().toString(),
