@@ -32,6 +32,12 @@ std::shared_ptr<const HXParseTables> HXParseTables::make(const HXMarkup &markup,
     QList<HXTextTagRef> line = markup.tagsForSelector(selector);
     line.append(nullptr);
     tables->lineCandidates = candidatesForTags(line);
+    for (const Candidate &candidate : tables->lineCandidates) {
+        for (char16_t unit = 0; unit <= 128; ++unit) {
+            if (candidate.start.mayStartWith(unit))
+                tables->lineCandidatesByFirstUnit[unit].push_back(&candidate);
+        }
+    }
     QList<HXTextTagRef> inlineTags = markup.tagsForSelector(56);
     inlineTags.append(nullptr);
     tables->inlineCandidates = candidatesForTags(inlineTags);

@@ -5,6 +5,7 @@
 #include "Text/String/Parser/HXPatternMatcher.h"
 #include "Text/String/Parser/HXTextParser.h"
 
+#include <array>
 #include <memory>
 #include <vector>
 
@@ -32,6 +33,12 @@ public:
 
     // The tags of the selector's definitions, then the escape: what may begin a paragraph.
     std::vector<Candidate> lineCandidates;
+    // The line candidates that may match where the code unit stands (any beyond ASCII under
+    // 128), in their order.
+    std::array<std::vector<const Candidate *>, 129> lineCandidatesByFirstUnit;
+    const std::vector<const Candidate *> &lineCandidatesAt(char16_t unit) const {
+        return lineCandidatesByFirstUnit[unit < 128 ? unit : 128];
+    }
     // The tags of the inline scopes, then the escape; a parse leaves out those forbidden.
     std::vector<Candidate> inlineCandidates;
     // The tags of the markup that the selector doesn't select.

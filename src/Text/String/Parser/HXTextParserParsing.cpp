@@ -10,6 +10,7 @@
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXAssert.h"
 
+#include <span>
 #include <vector>
 
 namespace {
@@ -49,13 +50,13 @@ const HXTextTag *lastRealGrouping(const HXTextParser::TagList &groupings) {
 // The candidate whose next match comes first, by the rules of which tag wins, and its matched
 // range; -1 when none matches. An open tag looks only for its end. Matches lie in the text
 // ranges and can't span an element.
-qsizetype nextMatch(const Candidates &candidates, const HXPatternMatcher::Text &text,
+qsizetype nextMatch(std::span<const Candidate *const> candidates, const HXPatternMatcher::Text &text,
                     const TextRanges &textRanges, bool anchored, HXRange range,
                     const OpenTags &openTags, MatchCache *cache, HXRange *matchedRange) {
     qsizetype best = -1;
     HXRange bestRange = HXNotFoundRange();
-    for (qsizetype i = 0; i < candidates.size(); ++i) {
-        const Candidate &candidate = *candidates.at(i);
+    for (qsizetype i = 0; i < qsizetype(candidates.size()); ++i) {
+        const Candidate &candidate = *candidates[size_t(i)];
         const HXTextTag *tag = candidate.tag.get();
         HXRange found = HXNotFoundRange();
         CachedMatch *cached = cache ? &(*cache)[i] : nullptr;
@@ -85,7 +86,7 @@ qsizetype nextMatch(const Candidates &candidates, const HXPatternMatcher::Text &
         }
         if (found.location > bestRange.location || !tag)
             continue;
-        const Candidate &winner = *candidates.at(best);
+        const Candidate &winner = *candidates[size_t(best)];
         if (!winner.tag) {
             // A real tag beats an escape at the same place.
             best = i;
@@ -150,7 +151,6 @@ void parsePrefix(HXTextParser::TagList *groupings, TagRef *tag, QStringList *str
     *consumedLength = 0;
     if (!(selector & 0x7))
         return;
-    const Candidates candidates = allOf(tables.lineCandidates);
     const HXPatternMatcher::Text matchText(text);
     const quint64 length = quint64(text.size());
     const TextRanges whole{HXRange{0, length}};
@@ -173,13 +173,18 @@ void parsePrefix(HXTextParser::TagList *groupings, TagRef *tag, QStringList *str
             strings->append(indentation.toString());
             *consumedLength = position;
         }
+        if (position >= length)
+            return;
+        // Only the tags that may begin with the character there are asked.
+        const std::vector<const Candidate *> &candidates =
+            tables.lineCandidatesAt(text.at(qsizetype(position)).unicode());
         HXRange matched;
         const qsizetype found =
             nextMatch(candidates, matchText, whole, true, HXRange{position, length - position}, {},
                       nullptr, &matched);
         if (found < 0)
             return;
-        const TagRef &match = candidates.at(found)->tag;
+        const TagRef &match = candidates[size_t(found)]->tag;
         if (!match || match->definition()->scope() > HXGroupingScope)
             return;
         const HXDefinitionRef definition = match->definition();
