@@ -61,6 +61,7 @@ bool HXCustomDefinition::readerWillStartElement(const QString &, const HXXMLAttr
         }
         m_properties.insert(property, number);
     }
+    propertiesChanged();
     return true;
 }
 

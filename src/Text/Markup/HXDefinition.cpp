@@ -9,34 +9,54 @@
 
 #include <QHash>
 
+#include <mutex>
+
 #include <typeinfo>
 
 namespace {
 const QString definitionNamesTable = QStringLiteral("HXDefinitionNames");
 }
 
+const HXDefinition::CachedProperties &HXDefinition::cachedProperties() const {
+    if (!m_cacheReady.load(std::memory_order_acquire)) {
+        static std::mutex mutex;
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (!m_cacheReady.load(std::memory_order_relaxed)) {
+            const QVariantMap map = properties();
+            m_cache.headingLevel = map.value(QStringLiteral("headingLevel")).toULongLong();
+            m_cache.groupingType = map.value(QStringLiteral("groupingType")).toULongLong();
+            m_cache.countingOptions = map.value(QStringLiteral("countingOptions")).toULongLong();
+            m_cache.noGroupingAllowed = map.value(QStringLiteral("noGroupingAllowed")).toBool();
+            m_cache.overrideColors = map.value(QStringLiteral("overrideColors")).toBool();
+            m_cache.noParsingInside = map.value(QStringLiteral("noParsingInside")).toBool();
+            m_cacheReady.store(true, std::memory_order_release);
+        }
+    }
+    return m_cache;
+}
+
 quint64 HXDefinition::headingLevel() const {
-    return properties().value(QStringLiteral("headingLevel")).toULongLong();
+    return cachedProperties().headingLevel;
 }
 
 quint64 HXDefinition::groupingType() const {
-    return properties().value(QStringLiteral("groupingType")).toULongLong();
+    return cachedProperties().groupingType;
 }
 
 bool HXDefinition::noGroupingAllowed() const {
-    return properties().value(QStringLiteral("noGroupingAllowed")).toBool();
+    return cachedProperties().noGroupingAllowed;
 }
 
 bool HXDefinition::overrideColors() const {
-    return properties().value(QStringLiteral("overrideColors")).toBool();
+    return cachedProperties().overrideColors;
 }
 
 bool HXDefinition::noParsingInside() const {
-    return properties().value(QStringLiteral("noParsingInside")).toBool();
+    return cachedProperties().noParsingInside;
 }
 
 quint64 HXDefinition::countingOptions() const {
-    return properties().value(QStringLiteral("countingOptions")).toULongLong();
+    return cachedProperties().countingOptions;
 }
 
 QString HXDefinition::userCodeNameForIdentifier(const QString &identifier) {

@@ -6,6 +6,7 @@
 #include <QString>
 #include <QVariantMap>
 
+#include <atomic>
 #include <memory>
 
 class HXDefinition;
@@ -113,6 +114,23 @@ public:
 
 protected:
     HXDefinition() = default;
+    // Kinds whose properties change while they are made say so, before anyone reads them.
+    void propertiesChanged() { m_cacheReady.store(false, std::memory_order_relaxed); }
+
+private:
+    // The properties the parser asks for at every tag, read from the map once.
+    struct CachedProperties {
+        quint64 headingLevel = 0;
+        quint64 groupingType = 0;
+        quint64 countingOptions = 0;
+        bool noGroupingAllowed = false;
+        bool overrideColors = false;
+        bool noParsingInside = false;
+    };
+    const CachedProperties &cachedProperties() const;
+
+    mutable std::atomic<bool> m_cacheReady{false};
+    mutable CachedProperties m_cache;
 };
 
 // Equality of definitions that may be missing.

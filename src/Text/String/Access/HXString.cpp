@@ -32,18 +32,18 @@ std::shared_ptr<HXString> HXString::stringWithString(const QString &text,
     const HXChunk prepared(
         HXXMLStringByRemovingForbiddenCharacters(HXStringByNormalizingLineEnds(text)));
     const QStringView characters = prepared.view();
-    QList<HXChunk> paragraphs;
+    std::vector<HXChunk> paragraphs;
     qsizetype start = 0;
     while (start < characters.size()) {
         qsizetype end = characters.indexOf(QLatin1Char('\n'), start);
         end = end < 0 ? characters.size() : end + 1;
-        paragraphs.append(HXChunk(HXParagraph::paragraphWithText(
+        paragraphs.emplace_back(HXParagraph::paragraphWithText(
             prepared.substringWithRange(HXRange{quint64(start), quint64(end - start)}), markup,
-            recognizedDefinitions)));
+            recognizedDefinitions));
         start = end;
     }
     auto string = std::make_shared<HXString>(markup, recognizedDefinitions);
-    string->setInnerChunks(paragraphs);
+    string->setAllChunks(paragraphs.data(), paragraphs.size(), false, false);
     return string;
 }
 

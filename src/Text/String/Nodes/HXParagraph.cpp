@@ -91,9 +91,9 @@ void HXParagraph::setString(const QString &string) {
 }
 
 void HXParagraph::setText(const HXChunk &text) {
-    setHeadChunk(HXChunk());
     setExtras({}, nullptr, bookmark());
-    setInnerChunks(text.length() == 0 ? QList<HXChunk>{} : QList<HXChunk>{text});
+    HXChunk only = text;
+    setAllChunks(&only, text.length() == 0 ? 0 : 1, false, false);
     HXTextParser::reparseParagraph(*this);
 }
 
