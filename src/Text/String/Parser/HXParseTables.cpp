@@ -41,6 +41,18 @@ std::shared_ptr<const HXParseTables> HXParseTables::make(const HXMarkup &markup,
     QList<HXTextTagRef> inlineTags = markup.tagsForSelector(56);
     inlineTags.append(nullptr);
     tables->inlineCandidates = candidatesForTags(inlineTags);
+    for (const Candidate &candidate : tables->inlineCandidates) {
+        for (char16_t unit = 0; unit < 128; ++unit) {
+            if (candidate.start.mayStartWith(unit))
+                tables->m_inlineAsciiStarts.set(unit);
+        }
+        if (const char16_t only = candidate.start.onlyNonAsciiStart()) {
+            if (!tables->m_nonAsciiInlineStarts.contains(only))
+                tables->m_nonAsciiInlineStarts.append(only);
+        } else if (candidate.start.mayStartWith(0x80)) {
+            tables->m_anyNonAsciiInlineStart = true;
+        }
+    }
 
     const QList<HXTextTagRef> selected = markup.tagsForSelector(selector);
     for (const HXTextTagRef &tag : markup.allTags()) {
@@ -50,4 +62,18 @@ std::shared_ptr<const HXParseTables> HXParseTables::make(const HXMarkup &markup,
     }
     tables->forbiddenInCode.insert(nullptr);
     return tables;
+}
+
+quint64 HXParseTables::firstPossibleInlineStart(QStringView text, quint64 from, quint64 end) const {
+    const char16_t *units = text.utf16();
+    for (; from < end; ++from) {
+        const char16_t unit = units[from];
+        if (unit < 128) {
+            if (m_inlineAsciiStarts.test(unit))
+                return from;
+        } else if (m_anyNonAsciiInlineStart || m_nonAsciiInlineStarts.contains(unit)) {
+            return from;
+        }
+    }
+    return end;
 }

@@ -6,6 +6,9 @@
 #include "Text/String/Parser/HXTextParser.h"
 
 #include <array>
+#include <bitset>
+
+#include <QVarLengthArray>
 #include <memory>
 #include <vector>
 
@@ -39,6 +42,9 @@ public:
     const std::vector<const Candidate *> &lineCandidatesAt(char16_t unit) const {
         return lineCandidatesByFirstUnit[unit < 128 ? unit : 128];
     }
+    // Where in a text an inline candidate may begin to match: the first place at or behind
+    // `from` whose code unit one of them may begin with, or `end`.
+    quint64 firstPossibleInlineStart(QStringView text, quint64 from, quint64 end) const;
     // The tags of the inline scopes, then the escape; a parse leaves out those forbidden.
     std::vector<Candidate> inlineCandidates;
     // The tags of the markup that the selector doesn't select.
@@ -47,4 +53,11 @@ public:
     HXTextParser::TagSet forbiddenInCode;
     // The markup these tables are for, to tell whether an element shares it.
     const HXMarkup *markup = nullptr;
+
+private:
+    // The code units inline candidates may begin with: ASCII ones, and beyond it either any or
+    // the few literals begin with.
+    std::bitset<128> m_inlineAsciiStarts;
+    bool m_anyNonAsciiInlineStart = false;
+    QVarLengthArray<char16_t, 4> m_nonAsciiInlineStarts;
 };

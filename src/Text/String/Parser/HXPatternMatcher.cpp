@@ -79,10 +79,12 @@ HXPatternMatcher HXPatternMatcher::forPattern(const QString &pattern,
             matcher.m_literal += QLatin1Char(' ');
         if (!matcher.m_literal.isEmpty()) {
             const char16_t first = matcher.m_literal.at(0).unicode();
-            if (first < 128)
+            if (first < 128) {
                 matcher.allowStart(first);
-            else
+            } else {
                 matcher.m_nonAsciiStarts = true;
+                matcher.m_onlyNonAscii = first;
+            }
         } else if (matcher.m_blank == Blank::Optional) {
             matcher.allowStart(u' ');
         }

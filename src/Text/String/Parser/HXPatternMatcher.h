@@ -49,8 +49,12 @@ public:
     HXRange find(const Text &text, HXRange range, bool anchored) const;
     // Whether a match may begin with the code unit.
     bool mayStartWith(char16_t unit) const {
-        return unit < 128 ? m_asciiStarts.test(unit) : m_nonAsciiStarts;
+        return unit < 128 ? m_asciiStarts.test(unit)
+                          : m_nonAsciiStarts && (!m_onlyNonAscii || unit == m_onlyNonAscii);
     }
+    // The one code unit beyond ASCII a match may begin with, when there is only one; 0 when a
+    // match can begin with any such unit or none.
+    char16_t onlyNonAsciiStart() const { return m_nonAsciiStarts ? m_onlyNonAscii : 0; }
 
 private:
     enum class Kind : quint8 { Nothing, Literal, Expression, Escape };
@@ -67,6 +71,7 @@ private:
     Kind m_kind = Kind::Nothing;
     Blank m_blank = Blank::None;
     bool m_nonAsciiStarts = false;
+    char16_t m_onlyNonAscii = 0; // the one unit beyond ASCII, for a literal
     std::bitset<128> m_asciiStarts;
     QString m_literal;
     std::shared_ptr<const icu::RegexPattern> m_expression;

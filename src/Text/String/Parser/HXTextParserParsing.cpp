@@ -407,10 +407,16 @@ void InlineParser::closeInnermost(bool closing, const QString &matchedText, Matc
 }
 
 std::vector<HXChunk> InlineParser::parse(HXRange range, HXTextParser::ReusableElements &reusable) {
-    MatchCache cache(m_candidates.size());
-    OpenTags openTags;
     quint64 position = range.location;
     const quint64 end = range.max();
+    // Text where no tag can begin is plain, as it most often is.
+    if (m_candidates.isEmpty() ||
+        m_tables.firstPossibleInlineStart(m_text.view(), position, end) == end) {
+        appendText(position, end);
+        return std::move(m_root);
+    }
+    MatchCache cache(m_candidates.size());
+    OpenTags openTags;
     while (position < end) {
         HXRange matched;
         const qsizetype found =
