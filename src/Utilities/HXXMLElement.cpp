@@ -38,8 +38,11 @@ QString HXXMLStringByRemovingForbiddenCharacters(const QString &string) {
     };
     // Most text has nothing to remove; it is then returned as it is, without a copy.
     qsizetype first = 0;
+    const char16_t *units = reinterpret_cast<const char16_t *>(string.utf16());
     for (; first < length; ++first) {
-        const char16_t c = string.at(first).unicode();
+        const char16_t c = units[first];
+        if (c >= 0x20 && c < 0xd800)
+            continue;
         if (QChar::isSurrogate(c)) {
             if (!isValidPairAt(first))
                 break;

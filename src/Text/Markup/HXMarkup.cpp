@@ -49,7 +49,19 @@ bool expressionMatchesWhole(const icu::RegexPattern &expression, const QString &
 
 } // namespace
 
-HXMarkup::HXMarkup() {
+namespace {
+
+// Each markup is told apart by a number never given twice, so that the tables a thread used last
+// can't be taken for those of a new markup at the same address.
+quint64 nextMarkupSerial() {
+    static std::atomic<quint64> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+} // namespace
+
+HXMarkup::HXMarkup()
+    : m_serial(nextMarkupSerial()) {
     m_preferredPatternsObservation = HXNotificationCenter::defaultCenter()->addObserver(
         HXDefinitionStorePreferredPatternsChanged,
         [this](const HXNotification &) { invalidateDefaultTags(); });
@@ -95,7 +107,7 @@ void HXMarkup::sortTags() {
     std::lock_guard lock(m_tagsMutex);
     std::stable_sort(m_allTags.begin(), m_allTags.end(), tagLessThan);
     m_selectedTags.clear();
-    m_parserTables.clear();
+    clearParserTables();
 }
 
 void HXMarkup::setAllTags(const QList<HXTextTagRef> &tags) {
@@ -126,7 +138,7 @@ void HXMarkup::setAllTags(const QList<HXTextTagRef> &tags) {
         std::lock_guard lock(m_tagsMutex);
         m_allTags = incoming;
         m_selectedTags.clear();
-        m_parserTables.clear();
+        clearParserTables();
     }
     if (changed)
         postStructureNotification();
@@ -142,7 +154,7 @@ void HXMarkup::addTag(const HXTextTagRef &tag) {
         m_allTags.insert(std::upper_bound(m_allTags.begin(), m_allTags.end(), tag, tagLessThan),
                          tag);
         m_selectedTags.clear();
-        m_parserTables.clear();
+        clearParserTables();
     }
     observeTag(tag);
     postStructureNotification();
@@ -159,7 +171,7 @@ void HXMarkup::removeTag(const HXTextTagRef &tag) {
             return;
         removed = m_allTags.takeAt(index);
         m_selectedTags.clear();
-        m_parserTables.clear();
+        clearParserTables();
     }
     removed->removePatternsObserver(this);
     postStructureNotification();
@@ -196,7 +208,31 @@ QList<HXTextTagRef> HXMarkup::tagsForSelector(HXDefinitionSelector selector) con
     return result;
 }
 
+void HXMarkup::clearParserTables() {
+    m_parserTables.clear();
+    m_parserTablesGeneration.fetch_add(1, std::memory_order_acq_rel);
+}
+
 std::shared_ptr<const HXParseTables> HXMarkup::parserTables(HXDefinitionSelector selector) const {
+    // The tables a thread used last: a text is parsed a paragraph at a time under one selector.
+    struct Last {
+        quint64 serial = 0;
+        quint64 generation = 0;
+        HXDefinitionSelector selector = 0;
+        std::shared_ptr<const HXParseTables> tables;
+    };
+    thread_local Last last;
+    const quint64 generation = m_parserTablesGeneration.load(std::memory_order_acquire);
+    if (last.tables && last.serial == m_serial && last.generation == generation &&
+        last.selector == selector)
+        return last.tables;
+    auto tables = lockedParserTables(selector);
+    last = Last{m_serial, generation, selector, tables};
+    return tables;
+}
+
+std::shared_ptr<const HXParseTables>
+HXMarkup::lockedParserTables(HXDefinitionSelector selector) const {
     {
         std::lock_guard lock(m_tagsMutex);
         const auto known = m_parserTables.constFind(selector);

@@ -136,7 +136,12 @@ private:
     mutable std::optional<QHash<QString, HXTextTagRef>> m_defaultTags;
     // The tags of each selector asked for, in order; cleared when the tags change.
     mutable QHash<HXDefinitionSelector, QList<HXTextTagRef>> m_selectedTags;
+    void clearParserTables();
+    std::shared_ptr<const HXParseTables> lockedParserTables(HXDefinitionSelector selector) const;
     mutable QHash<HXDefinitionSelector, std::shared_ptr<const HXParseTables>> m_parserTables;
+    // Counts the times the tables were dropped, for the threads' memory of the last ones.
+    std::atomic<quint64> m_parserTablesGeneration{0};
+    const quint64 m_serial;
     QList<HXTextTagRef> m_readTags;
     std::vector<std::weak_ptr<HXMarkupObserver>> m_observers;
     bool m_isEditing = false;
