@@ -1,11 +1,13 @@
 #include "Utilities/HXXMLReader.h"
 
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXPlainXMLScanner.h"
 #include "Utilities/HXStringFormat.h"
 #include "Utilities/HXXMLElement.h"
 
 #include <QXmlStreamReader>
 
+#include <algorithm>
 #include <exception>
 #include <vector>
 
@@ -20,6 +22,12 @@ public:
 
     bool run(const QByteArray &data, HXError *error);
 
+    // The events of the document, in order; the line is that of the start tag.
+    void startElement(const QString &name, const HXXMLAttributes &attributes, qint64 line);
+    void scanString(const QString &string);
+    void endElement();
+    bool failed() const { return !m_failure.isNull(); }
+
 private:
     // An open element: the object that took it, or none for an element that is skipped. Every
     // object but the root's is owned here until its parent has it.
@@ -29,9 +37,7 @@ private:
         std::shared_ptr<HXXMLReading> owner;
     };
 
-    void startElement(const QXmlStreamReader &xml);
-    void scanString(const QString &string);
-    void endElement();
+    void runGeneralParser(const QString &text);
 
     // Runs one call of an object; false, an error or an exception there ends the parse with the
     // failure kept in m_failure.
@@ -44,15 +50,75 @@ private:
     HXError m_failure;
 };
 
+// Hands the events of a plain document to the parse, its names each made a string once.
+class PlainEvents {
+public:
+    explicit PlainEvents(HXXMLParse &parse)
+        : m_parse(parse) {}
+
+    bool startElement(QStringView name, const std::vector<HXPlainXMLScanner::Attribute> &list) {
+        HXXMLAttributes attributes;
+        for (const HXPlainXMLScanner::Attribute &attribute : list)
+            attributes.insert(sharedName(attribute.name),
+                              HXPlainXMLScanner::resolved(attribute.value, attribute.hasReferences));
+        m_parse.startElement(sharedName(name), attributes, 0);
+        return !m_parse.failed();
+    }
+    bool text(QStringView raw, bool hasReferences) {
+        m_parse.scanString(HXPlainXMLScanner::resolved(raw, hasReferences));
+        return !m_parse.failed();
+    }
+    bool endElement() {
+        m_parse.endElement();
+        return !m_parse.failed();
+    }
+
+private:
+    QString sharedName(QStringView view) {
+        for (const QString &known : m_names) {
+            if (known == view)
+                return known;
+        }
+        QString made = view.toString();
+        if (m_names.size() < 64)
+            m_names.push_back(made);
+        return made;
+    }
+
+    HXXMLParse &m_parse;
+    std::vector<QString> m_names;
+};
+
 bool HXXMLParse::run(const QByteArray &data, HXError *error) {
     // Handed over as a string, the cleaned text reaches the XML reader as UTF-8, and an encoding
     // named in the declaration is ignored.
-    QXmlStreamReader xml(HXXMLStringByRemovingForbiddenCharacters(QString::fromUtf8(data)));
+    const QString text = HXXMLStringByRemovingForbiddenCharacters(QString::fromUtf8(data));
+    // What the system writes itself is read by the quick scanner; anything else goes to the
+    // general parser, which also names every fault.
+    if (HXPlainXMLScanner(text).isPlain()) {
+        PlainEvents events(*this);
+        HXPlainXMLScanner(text).scan(events);
+    } else {
+        runGeneralParser(text);
+    }
+    if (m_failure.isNull())
+        return true;
+    HXSetError(error, m_failure);
+    return false;
+}
+
+void HXXMLParse::runGeneralParser(const QString &text) {
+    QXmlStreamReader xml(text);
     while (m_failure.isNull() && !xml.atEnd()) {
         switch (xml.readNext()) {
-        case QXmlStreamReader::StartElement:
-            startElement(xml);
+        case QXmlStreamReader::StartElement: {
+            HXXMLAttributes attributes;
+            for (const QXmlStreamAttribute &attribute : xml.attributes())
+                attributes.insert(attribute.qualifiedName().toString(),
+                                  attribute.value().toString());
+            startElement(xml.qualifiedName().toString(), attributes, xml.lineNumber());
             break;
+        }
         case QXmlStreamReader::Characters:
             scanString(xml.text().toString());
             break;
@@ -67,18 +133,16 @@ bool HXXMLParse::run(const QByteArray &data, HXError *error) {
         m_failure = HXXMLReader::errorWithFailureReason(HXStringWithFormat(
             u"line %li, column %li: %@", xml.lineNumber(), xml.columnNumber(), xml.errorString()));
     }
-    if (m_failure.isNull())
-        return true;
-    HXSetError(error, m_failure);
-    return false;
 }
 
-void HXXMLParse::startElement(const QXmlStreamReader &xml) {
-    const QString name = xml.qualifiedName().toString();
+void HXXMLParse::startElement(const QString &name, const HXXMLAttributes &attributes,
+                              qint64 line) {
+    if (failed())
+        return;
     if (qsizetype(m_stack.size()) >= HXXMLReader::maximumDepth) {
         m_failure = HXXMLReader::errorWithFailureReason(
             HXStringWithFormat(u"line %li: element \"%@\" is nested more than %li levels deep",
-                               xml.lineNumber(), name, HXXMLReader::maximumDepth));
+                               line, name, HXXMLReader::maximumDepth));
         return;
     }
     OpenElement element{name, nullptr, nullptr};
@@ -96,10 +160,6 @@ void HXXMLParse::startElement(const QXmlStreamReader &xml) {
     m_stack.push_back(element);
     if (!element.item)
         return;
-
-    HXXMLAttributes attributes;
-    for (const QXmlStreamAttribute &attribute : xml.attributes())
-        attributes.insert(attribute.qualifiedName().toString(), attribute.value().toString());
     perform(name, [&](HXError *error) {
         return element.item->readerWillStartElement(name, attributes, error);
     });

@@ -512,27 +512,39 @@ public:
         if (m_heldBack && m_heldBack->length() > 0)
             append(m_heldBack);
         m_heldBack = nullptr;
+        // The paragraphs go in together, in one step under the lock.
+        locked([&] {
+            if (m_string->length() == 0) {
+                m_string->setAllChunks(m_paragraphs.data(), m_paragraphs.size(), false, false);
+            } else {
+                for (const HXChunk &paragraph : m_paragraphs)
+                    m_string->appendChunk(paragraph);
+            }
+        });
+        m_paragraphs.clear();
         return true;
     }
 
 private:
-    void append(const HXParagraphRef &paragraph) {
-        // Parsed anew: the stored tags and elements are taken up where the text still has them.
-        // A locked string is locked for each step, as nothing else knows it yet.
-        auto step = [&] {
-            HXTextParser::reparseParagraph(*paragraph);
-            m_string->appendChunk(HXChunk(paragraph));
-        };
+    // A locked string is locked for each step, as nothing else knows it yet.
+    template<typename Step>
+    void locked(Step step) {
         if (const auto context = m_string->lockingContext().lock())
             context->write(step);
         else
             step();
+    }
+    void append(const HXParagraphRef &paragraph) {
+        // Parsed anew: the stored tags and elements are taken up where the text still has them.
+        locked([&] { HXTextParser::reparseParagraph(*paragraph); });
+        m_paragraphs.emplace_back(paragraph);
     }
 
     std::shared_ptr<HXMutableString> m_string;
     std::shared_ptr<HXMarkup> m_markup;
     HXDefinitionSelector m_definitions;
     HXParagraphRef m_heldBack;
+    std::vector<HXChunk> m_paragraphs;
 };
 
 std::shared_ptr<HXXMLReading> AttributeCollector::readerDidFindChildElement(const QString &name,
