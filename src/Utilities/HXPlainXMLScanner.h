@@ -12,9 +12,9 @@
 // optional declaration, elements with ASCII names, attributes, text, the five named entities and
 // character references. A document with anything else (comments, CDATA, processing instructions,
 // a doctype, namespaces, carriage returns in text or line breaks in attribute values, which XML
-// would normalise, nesting deeper than the reader allows) or with any fault is not plain: a first
-// scan without a sink says so before a single event is handed over, and the general parser reads
-// the document instead, with the same meaning and the same messages.
+// would normalise, nesting deeper than the reader allows) or with any fault is not plain, and the
+// general parser reads it instead, with the same meaning and the same messages. The scan finds
+// out on the way, so a sink whose work can't be undone asks isPlain() first.
 //
 // The text is the cleaned text of the document (see HXXMLReader). A sink takes the events:
 //     bool startElement(QStringView name, const std::vector<Attribute> &attributes);

@@ -7,6 +7,8 @@
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXFileWrapper.h"
 #include "Utilities/HXLineEnds.h"
+#include "Utilities/HXPlainXMLScanner.h"
+#include "Utilities/HXXMLElement.h"
 #include "Utilities/HXStringFormat.h"
 #include "Utilities/HXXMLReader.h"
 #include "Utilities/HXXMLWriter.h"
@@ -593,6 +595,268 @@ private:
     std::shared_ptr<HXMarkup> m_markup;
 };
 
+
+// A string read straight from plain XML: the objects the readers above make, made with fewer
+// steps. What it doesn't take as the common case (attributes of elements, objects, a bookmark or
+// tags after text, and every fault the readers name) stops it, and the readers above read the
+// document instead, so that either way the string and the errors are the same.
+class PlainStringBuilder {
+public:
+    PlainStringBuilder(std::shared_ptr<HXMutableString> string, std::shared_ptr<HXMarkup> markup,
+                       HXDefinitionSelector definitions)
+        : m_string(std::move(string))
+        , m_markup(std::move(markup))
+        , m_definitions(definitions) {}
+
+    bool startElement(QStringView name,
+                      const std::vector<HXPlainXMLScanner::Attribute> &attributes) {
+        const Level level = m_open.empty() ? Level::Document : m_open.back().level;
+        switch (level) {
+        case Level::Document:
+            return name == u"string" && push(Level::String);
+        case Level::String:
+            if (name != u"p" || !push(Level::Paragraph))
+                return false;
+            m_open.back().paragraph =
+                HXParagraph::paragraphWithString(QString(), m_markup, m_definitions);
+            return true;
+        case Level::Paragraph:
+            if (name == u"bookmark" || name == u"tags") {
+                // As written: a bookmark, then the tags, then the text; anything else is left
+                // to the readers above.
+                Node &paragraph = m_open.back();
+                const bool tags = name == u"tags";
+                if (paragraph.hasContent || paragraph.hasTags || (!tags && paragraph.hasBookmark))
+                    return false;
+                (tags ? paragraph.hasTags : paragraph.hasBookmark) = true;
+                return push(tags ? Level::Tags : Level::Bookmark);
+            }
+            [[fallthrough]];
+        case Level::Element:
+            if (name == u"escape")
+                return push(Level::Escape);
+            return name == u"element" && startTextElement(attributes);
+        case Level::Tags:
+            if (name != u"tag" || !push(Level::Tag))
+                return false;
+            m_open.back().kind = value(attributes, u"kind");
+            return true;
+        default:
+            return false;
+        }
+    }
+
+    bool text(QStringView raw, bool hasReferences) {
+        Node &node = m_open.back();
+        switch (node.level) {
+        case Level::Paragraph:
+        case Level::Element:
+        case Level::Tag:
+        case Level::Escape: {
+            const qsizetype before = node.text.size();
+            if (hasReferences || raw.contains(u'\n'))
+                node.text += textWithoutLineEnds(HXPlainXMLScanner::resolved(raw, hasReferences));
+            else
+                node.text += raw;
+            node.hasContent = node.hasContent || node.text.size() > before;
+            return true;
+        }
+        default:
+            return true;
+        }
+    }
+
+    bool endElement() {
+        Node node = std::move(m_open.back());
+        m_open.pop_back();
+        switch (node.level) {
+        case Level::String:
+            finishString();
+            return true;
+        case Level::Paragraph:
+            // Held back until the next one comes: only then is its line feed known.
+            if (m_heldBack.paragraph) {
+                m_heldBack.text += u'\n';
+                finishParagraph(m_heldBack);
+            }
+            m_heldBack = std::move(node);
+            return true;
+        case Level::Bookmark:
+            m_open.back().paragraph->setBookmark(HXBookmark::bookmark());
+            return true;
+        case Level::Tags:
+            m_open.back().paragraph->setGroupings(node.groupings, node.tag, node.strings);
+            return true;
+        case Level::Tag:
+            return endTag(node);
+        case Level::Element:
+            flushText(node);
+            node.element->takeInnerChunks(std::move(node.chunks));
+            addChunk(HXChunk(node.element));
+            return true;
+        case Level::Escape:
+            addChunk(HXChunk(HXRef<HXEscapeAtom>::make(node.text)));
+            return true;
+        default:
+            return false;
+        }
+    }
+
+private:
+    enum class Level { Document, String, Paragraph, Bookmark, Tags, Tag, Element, Escape };
+    // An open element of the document, with what it gathers.
+    struct Node {
+        Level level = Level::Document;
+        HXParagraphRef paragraph;
+        HXRef<HXTextElement> element;
+        std::vector<HXChunk> chunks;
+        QString text; // not yet a chunk
+        bool hasContent = false;
+        bool hasBookmark = false;
+        bool hasTags = false;
+        // A paragraph's prefix, or a tag of it.
+        QString kind;
+        QList<HXTextTagRef> groupings;
+        HXTextTagRef tag;
+        QStringList strings;
+    };
+    // A tag found for a kind and the text it was given, remembered: a document has few.
+    struct KnownTag {
+        QString kind;
+        QString text;
+        HXTextTagRef tag;
+        HXDefinitionRef definition;
+    };
+
+    bool push(Level level) {
+        if (!m_open.empty())
+            m_open.back().hasContent = m_open.back().hasContent || level == Level::Element ||
+                                       level == Level::Escape;
+        m_open.push_back(Node{});
+        m_open.back().level = level;
+        return true;
+    }
+
+    static QString value(const std::vector<HXPlainXMLScanner::Attribute> &attributes,
+                         QStringView name) {
+        for (const HXPlainXMLScanner::Attribute &attribute : attributes) {
+            if (attribute.name == name)
+                return HXPlainXMLScanner::resolved(attribute.value, attribute.hasReferences);
+        }
+        return QString();
+    }
+
+    const KnownTag &knownTag(const QString &kind, const QString &text) {
+        for (const KnownTag &known : m_knownTags) {
+            if (known.kind == kind && known.text == text && known.text.isNull() == text.isNull())
+                return known;
+        }
+        const HXTextTagRef tag = m_markup ? m_markup->tagWithIdentifier(kind, text) : nullptr;
+        KnownTag known{kind, text, tag,
+                       tag ? tag->definition() : HXDefinition::definitionWithIdentifier(kind)};
+        if (m_knownTags.size() >= 64)
+            m_knownTags.clear();
+        m_knownTags.push_back(std::move(known));
+        return m_knownTags.back();
+    }
+
+    // As the element reader starts an element; objects are left to it.
+    bool startTextElement(const std::vector<HXPlainXMLScanner::Attribute> &attributes) {
+        const QString kind = value(attributes, u"kind");
+        if (kind.isEmpty())
+            return false;
+        const QString startTag = value(attributes, u"startTag");
+        const KnownTag &known = knownTag(kind, startTag);
+        if (!known.definition ||
+            (!known.tag && known.definition->scope() != HXAttributedTextScope &&
+             known.definition->scope() != HXObjectScope))
+            return false;
+        const QString closed = value(attributes, u"closed");
+        auto element = HXRef<HXTextElement>::make();
+        element->initWithStoredForm(known.tag, known.definition, m_markup,
+                                    closed.isNull() || closed == u"yes" || closed == u"true",
+                                    startTag, value(attributes, u"endTag"));
+        if (element->isObject() || !push(Level::Element))
+            return false;
+        m_open.back().element = std::move(element);
+        return true;
+    }
+
+    // As the prefix reader takes a tag.
+    bool endTag(const Node &entry) {
+        Node &tags = m_open.back();
+        if (entry.text.isEmpty())
+            return false;
+        HXTextTagRef found;
+        if (!entry.kind.isEmpty()) {
+            found = knownTag(entry.kind, entry.text.trimmed()).tag;
+            if (!found)
+                return false;
+        }
+        if (found && found->definition()->groupingType() == HXGroupingNone) {
+            if (tags.tag)
+                return false;
+            tags.tag = found;
+        } else {
+            tags.groupings.append(found);
+        }
+        tags.strings.append(entry.text);
+        return true;
+    }
+
+    static void flushText(Node &node) {
+        if (!node.text.isEmpty())
+            node.chunks.emplace_back(node.text);
+        node.text.clear();
+    }
+    // A chunk for the paragraph or element that is open; empty ones are left out.
+    void addChunk(HXChunk chunk) {
+        if (chunk.length() == 0)
+            return;
+        Node &parent = m_open.back();
+        flushText(parent);
+        parent.chunks.push_back(std::move(chunk));
+    }
+
+    template<typename Step>
+    void locked(Step step) {
+        if (const auto context = m_string->lockingContext().lock())
+            context->write(step);
+        else
+            step();
+    }
+
+    void finishParagraph(Node &node) {
+        flushText(node);
+        HXParagraph &paragraph = *node.paragraph;
+        paragraph.takeInnerChunks(std::move(node.chunks));
+        if (paragraph.length() > 0) {
+            // Parsed anew: the stored tags and elements are taken up where the text still has
+            // them.
+            locked([&] { HXTextParser::reparseParagraph(paragraph); });
+            m_paragraphs.emplace_back(node.paragraph);
+        }
+        node = Node{};
+    }
+
+    void finishString() {
+        if (m_heldBack.paragraph)
+            finishParagraph(m_heldBack);
+        locked([&] {
+            m_string->setAllChunks(m_paragraphs.data(), m_paragraphs.size(), false, false);
+        });
+        m_paragraphs.clear();
+    }
+
+    std::shared_ptr<HXMutableString> m_string;
+    std::shared_ptr<HXMarkup> m_markup;
+    HXDefinitionSelector m_definitions;
+    std::vector<Node> m_open;
+    Node m_heldBack;
+    std::vector<HXChunk> m_paragraphs;
+    std::vector<KnownTag> m_knownTags;
+};
+
 } // namespace
 
 bool HXStringXML::writeAttributes(const HXAttributeDictionary &attributes, HXXMLWriter &writer,
@@ -651,6 +915,15 @@ std::shared_ptr<HXMutableString>
 HXStringXML::stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXMarkup> &markup,
                                HXDefinitionSelector recognizedDefinitions, HXError *error,
                                HXXMLReaderContext *context) {
+    // Plain XML of the common kind is built straight away, in one pass: what the builder made of
+    // a document that turns out not to be for it is dropped, and the readers take it.
+    {
+        const QString text = HXXMLStringByRemovingForbiddenCharacters(QString::fromUtf8(data));
+        auto string = HXMutableString::stringWithMarkup(markup, recognizedDefinitions);
+        PlainStringBuilder builder(string, markup, recognizedDefinitions);
+        if (HXPlainXMLScanner(text).scan(builder))
+            return string;
+    }
     auto string = HXMutableString::stringWithMarkup(markup, recognizedDefinitions);
     StringReader reader(string, markup, recognizedDefinitions);
     HXXMLReaderContext noFiles;
