@@ -5,37 +5,49 @@
 #include <cstring>
 
 void HXXMLWriter::writeDeclaration() {
-    m_bytes.append("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");
+    static constexpr char declaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+    put(declaration, qsizetype(sizeof declaration - 1));
+}
+
+QByteArray HXXMLWriter::takeBytes() {
+    m_bytes.resize(m_used);
+    m_used = 0;
+    return std::move(m_bytes);
+}
+
+void HXXMLWriter::reserve(qsizetype size) {
+    if (size > m_bytes.size())
+        m_bytes.resize(size);
 }
 
 void HXXMLWriter::startElement(QLatin1StringView name) {
     closeStartTag();
-    m_bytes.append('<');
-    m_bytes.append(name.data(), name.size());
+    put('<');
+    put(name.data(), name.size());
     m_open.push_back(name);
     m_startTagOpen = true;
 }
 
 void HXXMLWriter::writeAttribute(QLatin1StringView name, QStringView value) {
     HX_ASSERT(m_startTagOpen, u"An attribute must follow its element's start.");
-    m_bytes.append(' ');
-    m_bytes.append(name.data(), name.size());
-    m_bytes.append("=\"");
+    put(' ');
+    put(name.data(), name.size());
+    put("=\"", 2);
     appendEscaped(value, true);
-    m_bytes.append('"');
+    put('"');
 }
 
 void HXXMLWriter::writeText(QStringView text) {
     if (text.isEmpty())
         return;
     // Text of nothing but forbidden characters leaves an empty element empty.
-    const qsizetype before = m_bytes.size();
+    const qsizetype before = m_used;
     if (m_startTagOpen)
-        m_bytes.append('>');
-    const qsizetype start = m_bytes.size();
+        put('>');
+    const qsizetype start = m_used;
     appendEscaped(text, false);
-    if (m_bytes.size() == start)
-        m_bytes.truncate(before);
+    if (m_used == start)
+        m_used = before;
     else
         m_startTagOpen = false;
 }
@@ -45,27 +57,26 @@ void HXXMLWriter::endElement() {
     const QLatin1StringView name = m_open.back();
     m_open.pop_back();
     if (m_startTagOpen) {
-        m_bytes.append("/>");
+        put("/>", 2);
         m_startTagOpen = false;
         return;
     }
-    m_bytes.append("</");
-    m_bytes.append(name.data(), name.size());
-    m_bytes.append('>');
+    put("</", 2);
+    put(name.data(), name.size());
+    put('>');
 }
 
 void HXXMLWriter::closeStartTag() {
     if (m_startTagOpen) {
-        m_bytes.append('>');
+        put('>');
         m_startTagOpen = false;
     }
 }
 
 void HXXMLWriter::appendEscaped(QStringView text, bool attribute) {
     // Room for the worst case, "&quot;" for every unit, written through a pointer.
-    const qsizetype start = m_bytes.size();
-    m_bytes.resize(start + text.size() * 6);
-    char *out = m_bytes.data() + start;
+    char *const start = room(text.size() * 6);
+    char *out = start;
     auto put = [&out](const char *literal, qsizetype length) {
         memcpy(out, literal, size_t(length));
         out += length;
@@ -129,5 +140,5 @@ void HXXMLWriter::appendEscaped(QStringView text, bool attribute) {
         }
         *out++ = char(0x80 | (point & 0x3F));
     }
-    m_bytes.resize(out - m_bytes.data());
+    m_used += out - start;
 }

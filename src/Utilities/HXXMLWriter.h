@@ -4,6 +4,8 @@
 #include <QLatin1StringView>
 #include <QStringView>
 
+#include <algorithm>
+#include <cstring>
 #include <vector>
 
 // Writes an XML document as UTF-8 bytes as it goes, without building a tree first: the form that
@@ -22,16 +24,32 @@ public:
     void writeText(QStringView text);
     void endElement();
     // The bytes so far; a complete document once every element has ended.
-    const QByteArray &bytes() const { return m_bytes; }
-    QByteArray takeBytes() { return std::move(m_bytes); }
-    void reserve(qsizetype size) { m_bytes.reserve(size); }
+    QByteArray bytes() const { return m_bytes.first(m_used); }
+    QByteArray takeBytes();
+    void reserve(qsizetype size);
 
 private:
+    // Room for so many more bytes, at the end of those written.
+    char *room(qsizetype count) {
+        if (m_used + count > m_bytes.size())
+            m_bytes.resize(std::max(m_used + count, m_bytes.size() * 2));
+        return m_bytes.data() + m_used;
+    }
+    void put(const char *data, qsizetype count) {
+        memcpy(room(count), data, size_t(count));
+        m_used += count;
+    }
+    void put(char c) {
+        *room(1) = c;
+        ++m_used;
+    }
     void closeStartTag();
     // Appends the text as UTF-8, escaped for text or for an attribute value.
     void appendEscaped(QStringView text, bool attribute);
 
+    // Written up to m_used; the rest is room.
     QByteArray m_bytes;
+    qsizetype m_used = 0;
     std::vector<QLatin1StringView> m_open;
     bool m_startTagOpen = false;
 };

@@ -138,8 +138,9 @@ private:
                 m_xml.writeText(escape->string());
                 m_xml.endElement();
             } else {
-                const QString text = chunk.string();
-                QStringView rest(text);
+                // Plain text is written where it stands; other chunks are few.
+                const QString copied = chunk.isPlain() ? QString() : chunk.string();
+                QStringView rest = chunk.isPlain() ? chunk.view() : QStringView(copied);
                 for (qsizetype lineFeed; (lineFeed = rest.indexOf(u'\n')) >= 0;) {
                     m_xml.writeText(rest.first(lineFeed));
                     rest = rest.sliced(lineFeed + 1);
