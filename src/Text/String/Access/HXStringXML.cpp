@@ -686,15 +686,20 @@ public:
             m_open.back().paragraph->setBookmark(HXBookmark::bookmark());
             return true;
         case Level::Tags:
-            m_open.back().paragraph->setGroupings(node.groupings, node.tag, node.strings);
+            // The parse that follows finds the prefix again in the characters, which is all it
+            // looks at: the texts of the tags go in as text.
+            m_open.back().text = node.strings.join(QString());
             return true;
         case Level::Tag:
             return endTag(node);
-        case Level::Element:
+        case Level::Element: {
             flushText(node);
-            node.element->takeInnerChunks(std::move(node.chunks));
-            addChunk(HXChunk(node.element));
+            auto element = HXRef<HXTextElement>::make();
+            element->initWithStoredForm(node.tag, node.definition, m_markup, node.closed,
+                                        node.startTag, node.endTag, std::move(node.chunks));
+            addChunk(HXChunk(element));
             return true;
+        }
         case Level::Escape:
             addChunk(HXChunk(HXRef<HXEscapeAtom>::make(node.text)));
             return true;
@@ -709,7 +714,6 @@ private:
     struct Node {
         Level level = Level::Document;
         HXParagraphRef paragraph;
-        HXRef<HXTextElement> element;
         std::vector<HXChunk> chunks;
         QString text; // not yet a chunk
         bool hasContent = false;
@@ -720,6 +724,11 @@ private:
         QList<HXTextTagRef> groupings;
         HXTextTagRef tag;
         QStringList strings;
+        // An element as stored, made when its chunks are known.
+        HXDefinitionRef definition;
+        bool closed = false;
+        QString startTag;
+        QString endTag;
     };
     // A tag found for a kind and the text it was given, remembered: a document has few.
     struct KnownTag {
@@ -772,14 +781,16 @@ private:
             (!known.tag && known.definition->scope() != HXAttributedTextScope &&
              known.definition->scope() != HXObjectScope))
             return false;
-        const QString closed = value(attributes, u"closed");
-        auto element = HXRef<HXTextElement>::make();
-        element->initWithStoredForm(known.tag, known.definition, m_markup,
-                                    closed.isNull() || closed == u"yes" || closed == u"true",
-                                    startTag, value(attributes, u"endTag"));
-        if (element->isObject() || !push(Level::Element))
+        if (known.definition->scope() == HXObjectScope)
             return false;
-        m_open.back().element = std::move(element);
+        const QString closed = value(attributes, u"closed");
+        push(Level::Element);
+        Node &element = m_open.back();
+        element.tag = known.tag;
+        element.definition = known.definition;
+        element.closed = closed.isNull() || closed == u"yes" || closed == u"true";
+        element.startTag = startTag;
+        element.endTag = value(attributes, u"endTag");
         return true;
     }
 

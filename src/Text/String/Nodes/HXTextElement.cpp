@@ -36,6 +36,26 @@ void HXTextElement::initWithStoredForm(const HXTextTagRef &tag, const HXDefiniti
     updateAtomsWithHead(startTag, endTag);
 }
 
+void HXTextElement::initWithStoredForm(const HXTextTagRef &tag, const HXDefinitionRef &definition,
+                                       const std::shared_ptr<HXMarkup> &markup, bool closed,
+                                       const QString &startTag, const QString &endTag,
+                                       std::vector<HXChunk> inner) {
+    HX_ASSERT(length() == 0, u"Only a new element takes its stored form with its chunks.");
+    m_markup = markup;
+    m_tag = tag;
+    m_definition = definition;
+    m_closed = closed;
+    deriveAtoms(startTag.isNull() ? textOfTagChunk(HXChunk()) : startTag,
+                endTag.isNull() ? textOfTagChunk(HXChunk()) : endTag);
+    const bool head = headAtomInPlace();
+    const bool tail = m_closed && !m_isObject && m_tailAtom && m_tailAtom->length() > 0;
+    if (head)
+        inner.insert(inner.begin(), HXChunk(m_headAtom));
+    if (tail)
+        inner.emplace_back(m_tailAtom);
+    setAllChunks(inner.data(), inner.size(), head, tail);
+}
+
 HXRef<HXTextElement> HXTextElement::elementWithTag(const HXTextTagRef &tag,
                                                    const std::shared_ptr<HXMarkup> &markup,
                                                    bool closed) {

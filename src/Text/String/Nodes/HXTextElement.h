@@ -50,6 +50,11 @@ public:
     void initWithStoredForm(const HXTextTagRef &tag, const HXDefinitionRef &definition,
                             const std::shared_ptr<HXMarkup> &markup, bool closed,
                             const QString &startTag, const QString &endTag);
+    // The same for a new element, with its inner chunks (none empty), in one step.
+    void initWithStoredForm(const HXTextTagRef &tag, const HXDefinitionRef &definition,
+                            const std::shared_ptr<HXMarkup> &markup, bool closed,
+                            const QString &startTag, const QString &endTag,
+                            std::vector<HXChunk> inner);
 
     const HXTextTagRef &tag() const { return m_tag; }
     const HXDefinitionRef &definition() const { return m_definition; }

@@ -230,7 +230,11 @@ Characters charactersOf(const HXChunkString &node) {
     if (first.isPlain() && first.length() == node.length())
         return Characters{HXRef<HXTextBuffer>(first.buffer()), first.offset(),
                           quint32(first.length())};
-    return Characters::of(node.string());
+    // Else gathered straight into a buffer of their own.
+    const quint32 length = quint32(node.length());
+    HXTextBuffer *buffer = HXTextBuffer::makeUninitialized(length);
+    node.getCharacters(reinterpret_cast<QChar *>(buffer->mutableUnits()), HXRange{0, length});
+    return Characters{HXRef<HXTextBuffer>(buffer), 0, length};
 }
 
 // A node melted to its characters: the elements that stay whole stand in it at their places,
@@ -268,6 +272,7 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
                  quint64 definitionOptions) {
     FlatText flat;
     QString text;
+    text.reserve(qsizetype(node.length()) + 16);
     struct Frame {
         QList<HXChunk> chunks;
         qsizetype next = 0;
@@ -296,7 +301,10 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
                 if (frame.melting && frame.next == 1 && atom->part() == 0 && atom->tag())
                     flat.reusable[atom->tag().get()].append(frame.melting);
             }
-            text += chunk.string();
+            if (chunk.isPlain())
+                text += chunk.view();
+            else
+                text += chunk.string();
             continue;
         }
         const bool forbiddenTag = element->tag() && forbidden.contains(element->tag().get());
@@ -307,7 +315,7 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
             if ((definitionOptions & HXSelectorNoMedia) && element->attributes())
                 element->attributes()->removeFileWrappersQuietly();
             flat.kept.push_back(FlatText::Kept{quint64(text.size()), element});
-            text.append(QString(qsizetype(element->length()), QChar(0xfffc)));
+            text.resize(text.size() + qsizetype(element->length()), QChar(0xfffc));
             continue;
         }
         if (forbiddenTag && intact) {
