@@ -113,8 +113,6 @@ public:
     private:
         QVarLengthArray<const HXTextTag *, 40> m_tags;
     };
-    // Elements of the old tree by tag, for the new tree to take up again.
-    using ReusableElements = QHash<const HXTextTag *, QList<HXRef<HXTextElement>>>;
 
     // Parses a paragraph anew after its characters changed, in place: the paragraph keeps its
     // identity, bookmark and place. The outputs are the ranges of changed characters and changed

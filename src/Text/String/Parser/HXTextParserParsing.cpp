@@ -237,6 +237,29 @@ Characters charactersOf(const HXChunkString &node) {
     return Characters{HXRef<HXTextBuffer>(buffer), 0, length};
 }
 
+// Elements of the old tree by tag, for the new tree to take up again, in the order they were
+// melted; the last of a tag is taken first. A paragraph has few, so they are looked for one by
+// one.
+class ReusableElements {
+public:
+    void append(const HXTextTag *tag, HXRef<HXTextElement> element) {
+        m_entries.emplace_back(tag, std::move(element));
+    }
+    HXRef<HXTextElement> takeLast(const HXTextTag *tag) {
+        for (auto entry = m_entries.rbegin(); entry != m_entries.rend(); ++entry) {
+            if (entry->first == tag) {
+                HXRef<HXTextElement> element = std::move(entry->second);
+                m_entries.erase(std::next(entry).base());
+                return element;
+            }
+        }
+        return {};
+    }
+
+private:
+    std::vector<std::pair<const HXTextTag *, HXRef<HXTextElement>>> m_entries;
+};
+
 // A node melted to its characters: the elements that stay whole stand in it at their places,
 // their characters replaced by as many object replacement characters, and the elements melted
 // on the way wait by tag for the new tree to take them up again.
@@ -247,7 +270,7 @@ struct FlatText {
     };
     Characters text;
     std::vector<Kept> kept;
-    HXTextParser::ReusableElements reusable;
+    ReusableElements reusable;
 
     // The runs between the elements, in the range.
     TextRanges textRanges() const {
@@ -299,7 +322,7 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
                 // The start tag of a melted element: the element may be taken up again.
                 const Frame &frame = stack.back();
                 if (frame.melting && frame.next == 1 && atom->part() == 0 && atom->tag())
-                    flat.reusable[atom->tag().get()].append(frame.melting);
+                    flat.reusable.append(atom->tag().get(), frame.melting);
             }
             if (chunk.isPlain())
                 text += chunk.view();
@@ -352,7 +375,7 @@ public:
 
     // The chunks of the range, with its elements; melted elements are taken up again from the
     // reusable ones.
-    std::vector<HXChunk> parse(HXRange range, HXTextParser::ReusableElements &reusable);
+    std::vector<HXChunk> parse(HXRange range, ReusableElements &reusable);
 
 private:
     struct Open {
@@ -414,7 +437,7 @@ void InlineParser::closeInnermost(bool closing, const QString &matchedText, Matc
     target().push_back(HXChunk(open.element));
 }
 
-std::vector<HXChunk> InlineParser::parse(HXRange range, HXTextParser::ReusableElements &reusable) {
+std::vector<HXChunk> InlineParser::parse(HXRange range, ReusableElements &reusable) {
     quint64 position = range.location;
     const quint64 end = range.max();
     // Text where no tag can begin is plain, as it most often is.
@@ -447,10 +470,8 @@ std::vector<HXChunk> InlineParser::parse(HXRange range, HXTextParser::ReusableEl
             target().push_back(HXChunk(HXRef<HXEscapeAtom>::make(matchedText)));
         } else if (found >= 0 && !wasOpen) {
             HXRef<HXTextElement> element;
-            auto waiting = reusable.find(tag.get());
-            if (waiting != reusable.end() && !waiting->isEmpty())
-                element = waiting->takeLast();
-            else
+            element = reusable.takeLast(tag.get());
+            if (!element)
                 element = HXTextElement::emptyElement(m_markup);
             const bool oldTailInPlace = element->beginParsed(tag, matchedText);
             if (element->isObject()) {
