@@ -212,6 +212,16 @@ public:
     }
 };
 
+// A step on a string being read: a locked string is locked for each step, as nothing else knows
+// it yet.
+template<typename Step>
+void underItsLock(HXMutableString &string, Step step) {
+    if (const auto context = string.lockingContext().lock())
+        context->write(step);
+    else
+        step();
+}
+
 class ElementReader;
 
 class StringReader;
@@ -529,13 +539,9 @@ public:
     }
 
 private:
-    // A locked string is locked for each step, as nothing else knows it yet.
     template<typename Step>
     void locked(Step step) {
-        if (const auto context = m_string->lockingContext().lock())
-            context->write(step);
-        else
-            step();
+        underItsLock(*m_string, step);
     }
     void append(const HXParagraphRef &paragraph) {
         // Parsed anew: the stored tags and elements are taken up where the text still has them.
@@ -832,10 +838,7 @@ private:
 
     template<typename Step>
     void locked(Step step) {
-        if (const auto context = m_string->lockingContext().lock())
-            context->write(step);
-        else
-            step();
+        underItsLock(*m_string, step);
     }
 
     void finishParagraph(Node &node) {

@@ -114,13 +114,17 @@ HXRef<HXTextElement> HXTextElement::elementWithURLString(const QString &urlStrin
 
 // --- Tags and atoms -------------------------------------------------------------------------
 
-void HXTextElement::setTag(const HXTextTagRef &tag, const QString &string) {
+void HXTextElement::takeTag(const HXTextTagRef &tag) {
     if (tag && m_definition)
         HX_ASSERT(HXDefinitionsEqual(tag->definition(), m_definition),
                   u"Must not change definition of an element.");
     if (tag && !m_definition)
         m_definition = tag->definition();
     m_tag = tag;
+}
+
+void HXTextElement::setTag(const HXTextTagRef &tag, const QString &string) {
+    takeTag(tag);
     updateAtomsWithHead(string, QString());
 }
 
@@ -187,12 +191,7 @@ HXRef<HXTextElement> HXTextElement::emptyElement(const std::shared_ptr<HXMarkup>
 }
 
 bool HXTextElement::beginParsed(const HXTextTagRef &tag, const QString &startTag) {
-    if (tag && m_definition)
-        HX_ASSERT(HXDefinitionsEqual(tag->definition(), m_definition),
-                  u"Must not change definition of an element.");
-    if (tag && !m_definition)
-        m_definition = tag->definition();
-    m_tag = tag;
+    takeTag(tag);
     deriveAtoms(startTag, textOfTagChunk(tailChunk()));
     return m_closed && !m_isObject && m_tailAtom && m_tailAtom->length() > 0;
 }

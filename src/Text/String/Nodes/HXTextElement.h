@@ -120,6 +120,9 @@ protected:
 private:
     void initWithTag(const HXTextTagRef &tag, const std::shared_ptr<HXMarkup> &markup);
     // The flags, the attributes and the atoms for the tag texts, without placing the atoms.
+    // The tag, and with it the definition where there was none; a different definition is the
+    // assertion.
+    void takeTag(const HXTextTagRef &tag);
     void deriveAtoms(const QString &head, const QString &tail);
     bool headAtomInPlace() const { return m_headAtom && m_headAtom->length() > 0; }
 
