@@ -2,6 +2,7 @@
 
 #include "Utilities/HXAssert.h"
 
+#include <array>
 #include <cstring>
 
 void HXXMLWriter::writeDeclaration() {
@@ -81,9 +82,20 @@ void HXXMLWriter::appendEscaped(QStringView text, bool attribute) {
         memcpy(out, literal, size_t(length));
         out += length;
     };
+    // Printable ASCII other than the markup characters goes as it is, the bulk of most text.
+    static constexpr auto plain = [] {
+        std::array<bool, 128> table{};
+        for (char16_t unit = 0x20; unit < 0x7f; ++unit)
+            table[unit] = unit != u'&' && unit != u'<' && unit != u'>' && unit != u'"';
+        return table;
+    }();
     const char16_t *c = text.utf16();
     const char16_t *const end = c + text.size();
     while (c < end) {
+        while (c < end && *c < 0x80 && plain[*c])
+            *out++ = char(*c++);
+        if (c == end)
+            break;
         const char16_t unit = *c++;
         if (unit < 0x80) {
             switch (unit) {
