@@ -11,7 +11,7 @@ HXChunkMap::~HXChunkMap() {
 }
 
 void HXChunkMap::clearStorage() {
-    if (m_capacity == singleMode) {
+    if (m_mode == singleMode) {
         m_storage.single.~HXChunk();
     } else if (isBlocks()) {
         delete m_storage.blocks;
@@ -21,13 +21,13 @@ void HXChunkMap::clearStorage() {
         ::operator delete(m_storage.array);
     }
     new (&m_storage.single) HXChunk();
-    m_capacity = singleMode;
+    m_mode = singleMode;
     m_count = 0;
 }
 
 void HXChunkMap::setSmall(HXChunk *entries, size_t count) {
     clearStorage();
-    m_count = quint32(count);
+    m_count = count;
     if (count <= 1) {
         if (count == 1)
             m_storage.single = std::move(entries[0]);
@@ -38,14 +38,14 @@ void HXChunkMap::setSmall(HXChunk *entries, size_t count) {
     for (size_t i = 0; i < count; ++i)
         new (&array[i]) HXChunk(std::move(entries[i]));
     m_storage.array = array;
-    m_capacity = m_count;
+    m_mode = arrayMode;
 }
 
 void HXChunkMap::setBlocks(std::vector<HXChunk> entries) {
     clearStorage();
     m_storage.single.~HXChunk();
     m_storage.blocks = new Blocks();
-    m_capacity = blocksMode;
+    m_mode = blocksMode;
     Block block;
     block.entries = std::move(entries);
     for (const HXChunk &entry : block.entries)
@@ -344,10 +344,10 @@ bool HXChunkMap::isConsistent(QString *failure) const {
         return false;
     };
     if (!isBlocks()) {
-        if (m_count > maximumBlockSize || (m_capacity != singleMode && m_capacity != m_count) ||
-            (m_capacity == singleMode && m_count > 1))
-            return fail(
-                QStringLiteral("%1 chunks stand in room for %2").arg(m_count).arg(m_capacity));
+        if (m_count > maximumBlockSize || (m_mode == singleMode) != (m_count <= 1))
+            return fail(QStringLiteral("%1 chunks stand in mode %2")
+                            .arg(quint32(m_count))
+                            .arg(quint32(m_mode)));
         quint64 total = 0;
         for (quint32 i = 0; i < m_count; ++i) {
             const HXChunk &entry = smallEntries()[i];
@@ -358,7 +358,7 @@ bool HXChunkMap::isConsistent(QString *failure) const {
         if (m_count == 0 && !m_storage.single.isNull())
             return fail(QStringLiteral("a chunk stands in an empty map"));
         if (total != m_total)
-            return fail(QStringLiteral("length %1 is recorded as %2").arg(total).arg(m_total));
+            return fail(QStringLiteral("length %1 is recorded as %2").arg(total).arg(quint64(m_total)));
         return true;
     }
     const auto &blocks = m_storage.blocks->blocks;
@@ -395,7 +395,7 @@ bool HXChunkMap::isConsistent(QString *failure) const {
     if (total != m_total)
         return fail(QStringLiteral("length %1 is recorded as %2 (%3 chunks)")
                         .arg(total)
-                        .arg(m_total)
+                        .arg(quint64(m_total))
                         .arg(count));
     return true;
 }

@@ -75,16 +75,17 @@ private:
         // Fenwick tree over the block totals, 1-based, of as many entries as there are blocks.
         std::vector<quint64> tree;
     };
-    enum : quint32 { singleMode = 0, blocksMode = 0xffffffff };
+    // Where the chunks stand: none or one inline, several in an array of their number, blocks.
+    enum : quint8 { singleMode = 0, arrayMode = 1, blocksMode = 2 };
 
     static constexpr size_t targetBlockSize = 64;
     static constexpr size_t maximumBlockSize = 128;
     static constexpr size_t minimumBlockSize = 16;
 
-    bool isBlocks() const { return m_capacity == blocksMode; }
+    bool isBlocks() const { return m_mode == blocksMode; }
     // The chunks of a map that is no larger than one block.
     const HXChunk *smallEntries() const {
-        return m_capacity == singleMode ? &m_storage.single : m_storage.array;
+        return m_mode == singleMode ? &m_storage.single : m_storage.array;
     }
     void clearStorage();
     void setSmall(HXChunk *entries, size_t count);
@@ -103,9 +104,10 @@ private:
         HXChunk *array; // several, as many as the capacity
         Blocks *blocks; // blocks mode
     } m_storage;
-    quint32 m_count = 0; // in single and array mode
-    quint32 m_capacity = singleMode;
-    quint64 m_total = 0;
+    // One word beside the storage: the map of every paragraph and element has them.
+    quint64 m_total : 48 = 0;
+    quint64 m_count : 8 = 0; // in single and array mode, at most a block
+    quint64 m_mode : 2 = singleMode;
 };
 
 template<typename F>

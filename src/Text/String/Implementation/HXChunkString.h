@@ -142,11 +142,11 @@ protected:
     const HXChunkMap &map() const { return m_map; }
     // The flags of the subclasses begin above these.
     static constexpr quint8 headFlag = 1, tailFlag = 2;
+    void setFlag(quint8 flag, bool on) { m_flags = on ? (m_flags | flag) : (m_flags & ~flag); }
 
 private:
     std::vector<HXChunk> entriesForChunks(const QList<HXChunk> &chunks) const;
     HXChunkMap::Cursor cursorAtKey(quint64 key) const;
-    void setFlag(quint8 flag, bool on) { m_flags = on ? (m_flags | flag) : (m_flags & ~flag); }
 
     HXChunkMap m_map;
 };

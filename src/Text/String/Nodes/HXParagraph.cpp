@@ -11,22 +11,14 @@
 
 // --- Making paragraphs ----------------------------------------------------------------------
 
-const HXParagraph::Extras &HXParagraph::noExtras() {
-    static const Extras none;
-    return none;
-}
-
 void HXParagraph::setExtras(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
                             const HXBookmarkRef &bookmark) {
-    if (groupings.isEmpty() && !tag && !bookmark) {
-        m_extras.reset();
-        return;
-    }
-    if (!m_extras)
-        m_extras = std::make_unique<Extras>();
-    m_extras->groupings = groupings;
-    m_extras->tag = tag;
-    m_extras->bookmark = bookmark;
+    HXNodeTraits::Fields fields;
+    fields.markup = markup();
+    fields.groupings = groupings;
+    fields.tag = tag;
+    fields.bookmark = bookmark;
+    setTraits(std::move(fields));
 }
 
 void HXParagraph::setBookmark(const HXBookmarkRef &bookmark) {
@@ -53,10 +45,12 @@ HXRef<HXParagraph> HXParagraph::paragraphWithText(const HXChunk &text,
                                                   HXDefinitionSelector recognizedDefinitions,
                                                   const HXParagraph *bookmarkSource) {
     auto paragraph = HXRef<HXParagraph>::make();
-    paragraph->m_markup = markup;
-    paragraph->storeRecognizedDefinitions(recognizedDefinitions);
+    HXNodeTraits::Fields fields;
+    fields.markup = markup;
     if (bookmarkSource)
-        paragraph->setBookmark(bookmarkSource->bookmark());
+        fields.bookmark = bookmarkSource->bookmark();
+    paragraph->setTraits(std::move(fields));
+    paragraph->storeRecognizedDefinitions(recognizedDefinitions);
     if (text.length() == 0)
         paragraph->updateAtoms(std::nullopt);
     else
@@ -70,7 +64,9 @@ HXRef<HXParagraph> HXParagraph::paragraphWithTag(const HXTextTagRef &tag,
                                                  const QList<HXTextTagRef> &preferredTags,
                                                  const std::shared_ptr<HXMarkup> &markup) {
     auto paragraph = HXRef<HXParagraph>::make();
-    paragraph->m_markup = markup;
+    HXNodeTraits::Fields fields;
+    fields.markup = markup;
+    paragraph->setTraits(std::move(fields));
     QList<HXTextTagRef> prefix = groupings;
     if (tag)
         prefix.append(tag);
@@ -215,8 +211,10 @@ void HXParagraph::setParsed(const QList<HXTextTagRef> &groupings, const HXTextTa
     setAllChunks(chunks.data(), chunks.size(), hasHead, false);
 }
 
-void HXParagraph::setMarkup(const std::shared_ptr<HXMarkup> &markup,
+void HXParagraph::setMarkup(const std::shared_ptr<HXMarkup> &given,
                             const HXIndexProvider &indexProvider) {
+    // The markup given may be the present one, whose fields go with the traits changed here.
+    const std::shared_ptr<HXMarkup> markup = given;
     const QList<HXTextAtomRef> atoms = prefixAtoms();
     auto convert = [&](const HXTextTagRef &tag, qsizetype level) -> HXTextTagRef {
         if (!tag || !markup)

@@ -50,14 +50,10 @@ public:
     HXDefinitionSelector recognizedDefinitions() const { return HXDefinitionSelector(m_small); }
     // Takes the selector and, on a change, parses the paragraph anew.
     void setRecognizedDefinitions(HXDefinitionSelector recognizedDefinitions);
-    const QList<HXTextTagRef> &groupings() const {
-        return m_extras ? m_extras->groupings : noExtras().groupings;
-    }
+    const QList<HXTextTagRef> &groupings() const { return traits().groupings; }
     qsizetype level() const { return groupings().size(); }
-    const HXTextTagRef &tag() const { return m_extras ? m_extras->tag : noExtras().tag; }
-    const HXBookmarkRef &bookmark() const {
-        return m_extras ? m_extras->bookmark : noExtras().bookmark;
-    }
+    const HXTextTagRef &tag() const { return traits().tag; }
+    const HXBookmarkRef &bookmark() const { return traits().bookmark; }
     void setBookmark(const HXBookmarkRef &bookmark);
 
     // Replaces the prefix and rebuilds its atoms from the strings, one for each grouping and the
@@ -78,7 +74,7 @@ public:
     void setMarkup(const std::shared_ptr<HXMarkup> &markup) override {
         setMarkup(markup, HXIndexProvider());
     }
-    void noteMarkupChanged() { setMarkup(m_markup, HXIndexProvider()); }
+    void noteMarkupChanged() { setMarkup(markup(), HXIndexProvider()); }
     // Replaces all the text and parses it.
     void setString(const QString &string);
     void setText(const HXChunk &text);
@@ -130,20 +126,11 @@ private:
     HXChunk headOfPrefix(const std::optional<QStringList> &strings,
                          const HXIndexProvider &indexProvider) const;
 
-    // What few paragraphs have, apart: most have no prefix and no bookmark.
-    struct Extras {
-        QList<HXTextTagRef> groupings;
-        HXTextTagRef tag;
-        HXBookmarkRef bookmark;
-    };
-    static const Extras &noExtras();
-    // Sets what the extras hold, and drops them when they hold nothing.
+    // Takes traits with the prefix's tags and the bookmark.
     void setExtras(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
                    const HXBookmarkRef &bookmark);
     // The selector is kept in the small number of the object: selectors fit in 16 bits.
     void storeRecognizedDefinitions(HXDefinitionSelector recognizedDefinitions);
-
-    std::unique_ptr<Extras> m_extras;
 };
 
 using HXParagraphRef = HXRef<HXParagraph>;

@@ -20,19 +20,23 @@ QString textOfTagChunk(const HXChunk &chunk) {
 // --- Making elements ------------------------------------------------------------------------
 
 void HXTextElement::initWithTag(const HXTextTagRef &tag, const std::shared_ptr<HXMarkup> &markup) {
-    m_markup = markup;
-    m_tag = tag;
-    m_definition = tag ? tag->definition() : nullptr;
+    HXNodeTraits::Fields fields;
+    fields.markup = markup;
+    fields.tag = tag;
+    fields.definition = tag ? tag->definition() : nullptr;
+    setTraits(std::move(fields));
     updateAtomsWithHead(QString(), QString());
 }
 
 void HXTextElement::initWithStoredForm(const HXTextTagRef &tag, const HXDefinitionRef &definition,
                                        const std::shared_ptr<HXMarkup> &markup, bool closed,
                                        const QString &startTag, const QString &endTag) {
-    m_markup = markup;
-    m_tag = tag;
-    m_definition = definition;
-    m_closed = closed;
+    HXNodeTraits::Fields fields;
+    fields.markup = markup;
+    fields.tag = tag;
+    fields.definition = definition;
+    setTraits(std::move(fields));
+    setFlag(closedFlag, closed);
     updateAtomsWithHead(startTag, endTag);
 }
 
@@ -41,18 +45,20 @@ void HXTextElement::initWithStoredForm(const HXTextTagRef &tag, const HXDefiniti
                                        const QString &startTag, const QString &endTag,
                                        std::vector<HXChunk> inner) {
     HX_ASSERT(length() == 0, u"Only a new element takes its stored form with its chunks.");
-    m_markup = markup;
-    m_tag = tag;
-    m_definition = definition;
-    m_closed = closed;
-    deriveAtoms(startTag.isNull() ? textOfTagChunk(HXChunk()) : startTag,
+    HXNodeTraits::Fields fields;
+    fields.markup = markup;
+    fields.tag = tag;
+    fields.definition = definition;
+    setFlag(closedFlag, closed);
+    deriveAtoms(fields, startTag.isNull() ? textOfTagChunk(HXChunk()) : startTag,
                 endTag.isNull() ? textOfTagChunk(HXChunk()) : endTag);
+    setTraits(std::move(fields));
     const bool head = headAtomInPlace();
-    const bool tail = m_closed && !m_isObject && m_tailAtom && m_tailAtom->length() > 0;
+    const bool tail = tailAtomInPlace();
     if (head)
-        inner.insert(inner.begin(), HXChunk(m_headAtom));
+        inner.insert(inner.begin(), HXChunk(headAtom()));
     if (tail)
-        inner.emplace_back(m_tailAtom);
+        inner.emplace_back(tailAtom());
     setAllChunks(inner.data(), inner.size(), head, tail);
 }
 
@@ -73,9 +79,9 @@ HXRef<HXTextElement> HXTextElement::elementWithAttributes(const QVariantMap &att
     HX_ASSERT(scope == HXAttributedTextScope || scope == HXObjectScope,
               u"Only attributed text or object scope allowed!");
     auto element = elementWithTag(tag, markup);
-    if (element->m_attributes) {
+    if (const HXAttributeDictionaryRef &dictionary = element->attributes()) {
         for (auto it = attributes.constBegin(); it != attributes.constEnd(); ++it)
-            element->m_attributes->setObject(it.value(), it.key());
+            dictionary->setObject(it.value(), it.key());
     }
     return element;
 }
@@ -87,8 +93,8 @@ HXRef<HXTextElement> HXTextElement::elementWithFile(const std::shared_ptr<HXFile
     HX_ASSERT(scope == HXAttributedTextScope || scope == HXObjectScope,
               u"Only attributed text or object scope allowed!");
     auto element = elementWithTag(tag, markup);
-    if (element->m_attributes)
-        element->m_attributes->setFileWrapper(file);
+    if (const HXAttributeDictionaryRef &dictionary = element->attributes())
+        dictionary->setFileWrapper(file);
     return element;
 }
 
@@ -99,10 +105,10 @@ HXRef<HXTextElement> HXTextElement::elementWithURLString(const QString &urlStrin
     HX_ASSERT(tag->definition()->scope() == HXAttributedTextScope,
               u"Only attributed text scope allowed!");
     auto element = elementWithTag(tag, markup);
-    if (element->m_attributes) {
+    if (const HXAttributeDictionaryRef &dictionary = element->attributes()) {
         for (const HXTagAttributeRef &attribute : tag->definition()->attributes()) {
             if (attribute->kind() == HXTagAttributeKindURL) {
-                element->m_attributes->setObject(urlString, attribute->identifier());
+                dictionary->setObject(urlString, attribute->identifier());
                 break;
             }
         }
@@ -112,112 +118,134 @@ HXRef<HXTextElement> HXTextElement::elementWithURLString(const QString &urlStrin
     return element;
 }
 
+void HXTextElement::setAttributes(HXAttributeDictionaryRef attributes) {
+    if (attributes)
+        m_attributes = std::make_unique<HXAttributeDictionaryRef>(std::move(attributes));
+    else
+        m_attributes.reset();
+}
+
 // --- Tags and atoms -------------------------------------------------------------------------
 
-void HXTextElement::takeTag(const HXTextTagRef &tag) {
-    if (tag && m_definition)
-        HX_ASSERT(HXDefinitionsEqual(tag->definition(), m_definition),
+void HXTextElement::takeTag(HXNodeTraits::Fields &fields, const HXTextTagRef &tag) {
+    if (tag && fields.definition)
+        HX_ASSERT(HXDefinitionsEqual(tag->definition(), fields.definition),
                   u"Must not change definition of an element.");
-    if (tag && !m_definition)
-        m_definition = tag->definition();
-    m_tag = tag;
+    if (tag && !fields.definition)
+        fields.definition = tag->definition();
+    fields.tag = tag;
 }
 
 void HXTextElement::setTag(const HXTextTagRef &tag, const QString &string) {
-    takeTag(tag);
+    HXNodeTraits::Fields fields = traits();
+    takeTag(fields, tag);
+    setTraits(std::move(fields));
     updateAtomsWithHead(string, QString());
 }
 
 void HXTextElement::setClosed(bool closed, const QString &string) {
-    m_closed = closed;
+    setFlag(closedFlag, closed);
     updateAtomsWithHead(QString(), string);
 }
 
 bool HXTextElement::isIntact() const {
-    if (!m_headAtom || !firstChunk().isIdenticalTo(HXChunk(m_headAtom)))
+    if (!headAtom() || !firstChunk().isIdenticalTo(HXChunk(headAtom())))
         return false;
-    if (m_closed && !m_isObject)
-        return m_tailAtom && lastChunk().isIdenticalTo(HXChunk(m_tailAtom));
+    if (isClosed() && !isObject())
+        return tailAtom() && lastChunk().isIdenticalTo(HXChunk(tailAtom()));
     return true;
 }
 
 void HXTextElement::updateAtomsWithHead(const QString &givenHead, const QString &givenTail) {
     deriveAtoms(givenHead.isNull() ? textOfTagChunk(headChunk()) : givenHead,
                 givenTail.isNull() ? textOfTagChunk(tailChunk()) : givenTail);
-    setHeadChunk(HXChunk(m_headAtom));
-    setTailChunk(m_closed && !m_isObject ? HXChunk(m_tailAtom) : HXChunk());
+    setHeadChunk(HXChunk(headAtom()));
+    setTailChunk(isClosed() && !isObject() ? HXChunk(tailAtom()) : HXChunk());
 }
 
 void HXTextElement::deriveAtoms(const QString &head, const QString &tail) {
-    if (m_definition) {
-        const quint64 scope = m_definition->scope();
-        m_isObject = m_isObject || scope == HXObjectScope;
-        m_isEntity = m_isEntity || m_isObject ||
-                     (m_closed && (scope == HXAttributedTextScope || scope == HXObjectScope));
-        if (m_isEntity && !m_attributes && !m_definition->attributes().isEmpty()) {
-            m_attributes = std::make_shared<HXAttributeDictionary>(m_definition, m_markup);
-        }
+    HXNodeTraits::Fields fields = traits();
+    deriveAtoms(fields, head, tail);
+    setTraits(std::move(fields));
+}
+
+void HXTextElement::deriveAtoms(HXNodeTraits::Fields &fields, const QString &head,
+                                const QString &tail) {
+    if (fields.definition) {
+        const quint64 scope = fields.definition->scope();
+        setFlag(objectFlag, isObject() || scope == HXObjectScope);
+        setFlag(entityFlag,
+                isEntity() || isObject() ||
+                    (isClosed() && (scope == HXAttributedTextScope || scope == HXObjectScope)));
+        if (isEntity() && !m_attributes && !fields.definition->attributes().isEmpty())
+            setAttributes(
+                std::make_shared<HXAttributeDictionary>(fields.definition, fields.markup));
     }
 
+    const bool entity = isEntity();
+    const HXTextTagRef &tag = fields.tag;
     bool converted = false;
     // An atom that already says what is asked of it stays: atoms are immutable.
     auto standing = [&](const HXTextAtomRef &atom, const QString &text) {
-        return atom && atom->tag() == m_tag && atom->isEntityAtom() == m_isEntity &&
-               (m_isEntity || atom->stringRepresentation() == text);
+        return atom && atom->tag() == tag && atom->isEntityAtom() == entity &&
+               (entity || atom->stringRepresentation() == text);
     };
-    if (m_tag && standing(m_headAtom, head) && standing(m_tailAtom, tail)) {
+    if (tag && standing(fields.headAtom, head) && standing(fields.tailAtom, tail)) {
         converted = true;
-    } else if (m_headAtom && m_tailAtom && m_tag) {
-        auto newHead = HXTextAtom::copyOfAtom(*m_headAtom, m_tag, {}, 0, head, m_isEntity);
-        auto newTail = HXTextAtom::copyOfAtom(*m_tailAtom, m_tag, {}, 0, tail, m_isEntity);
+    } else if (fields.headAtom && fields.tailAtom && tag) {
+        auto newHead = HXTextAtom::copyOfAtom(*fields.headAtom, tag, {}, 0, head, entity);
+        auto newTail = HXTextAtom::copyOfAtom(*fields.tailAtom, tag, {}, 0, tail, entity);
         if (newHead->tag() && newTail->tag()) {
-            m_headAtom = std::move(newHead);
-            m_tailAtom = std::move(newTail);
+            fields.headAtom = std::move(newHead);
+            fields.tailAtom = std::move(newTail);
             converted = true;
         }
     }
     if (!converted) {
-        m_headAtom =
-            m_definition ? HXTextAtom::atomWithTextElement(m_tag, 0, m_isEntity, head) : nullptr;
-        m_tailAtom =
-            m_definition ? HXTextAtom::atomWithTextElement(m_tag, 1, m_isEntity, tail) : nullptr;
+        const bool defined = bool(fields.definition);
+        fields.headAtom = defined ? HXTextAtom::atomWithTextElement(tag, 0, entity, head) : nullptr;
+        fields.tailAtom = defined ? HXTextAtom::atomWithTextElement(tag, 1, entity, tail) : nullptr;
     }
 }
 
 HXRef<HXTextElement> HXTextElement::emptyElement(const std::shared_ptr<HXMarkup> &markup) {
     auto element = HXRef<HXTextElement>::make();
-    element->m_markup = markup;
+    HXNodeTraits::Fields fields;
+    fields.markup = markup;
+    element->setTraits(std::move(fields));
     return element;
 }
 
 bool HXTextElement::beginParsed(const HXTextTagRef &tag, const QString &startTag) {
-    takeTag(tag);
-    deriveAtoms(startTag, textOfTagChunk(tailChunk()));
-    return m_closed && !m_isObject && m_tailAtom && m_tailAtom->length() > 0;
+    HXNodeTraits::Fields fields = traits();
+    takeTag(fields, tag);
+    deriveAtoms(fields, startTag, textOfTagChunk(tailChunk()));
+    setTraits(std::move(fields));
+    return tailAtomInPlace();
 }
 
 void HXTextElement::finishParsedObject() {
-    HXChunk head = headAtomInPlace() ? HXChunk(m_headAtom) : HXChunk();
+    HXChunk head = headAtomInPlace() ? HXChunk(headAtom()) : HXChunk();
     setAllChunks(&head, head ? 1 : 0, bool(head), false);
 }
 
 void HXTextElement::finishParsed(std::vector<HXChunk> &chunks, bool closed, const QString &endTag,
                                  bool oldTailInPlace) {
-    m_closed = closed;
-    deriveAtoms(headAtomInPlace() ? textOfTagChunk(HXChunk(m_headAtom)) : QString(),
+    setFlag(closedFlag, closed);
+    deriveAtoms(headAtomInPlace() ? textOfTagChunk(HXChunk(headAtom())) : QString(),
                 !endTag.isNull() ? endTag
-                : oldTailInPlace ? textOfTagChunk(HXChunk(m_tailAtom))
+                : oldTailInPlace ? textOfTagChunk(HXChunk(tailAtom()))
                                  : QString());
     const bool head = headAtomInPlace();
-    const bool tail = m_closed && !m_isObject && m_tailAtom && m_tailAtom->length() > 0;
+    const bool tail = tailAtomInPlace();
     HXChunk *first = chunks.data();
     size_t count = chunks.size();
     if (head)
-        chunks.front() = HXChunk(m_headAtom);
+        chunks.front() = HXChunk(headAtom());
     else
         ++first, --count;
     if (tail) {
-        chunks.push_back(HXChunk(m_tailAtom));
+        chunks.push_back(HXChunk(tailAtom()));
         first = chunks.data() + (head ? 0 : 1);
         ++count;
     }
@@ -225,29 +253,35 @@ void HXTextElement::finishParsed(std::vector<HXChunk> &chunks, bool closed, cons
 }
 
 QString HXTextElement::startTagString() const {
-    if (!m_headAtom)
+    const HXTextAtomRef &atom = headAtom();
+    if (!atom)
         return QString();
-    if (!m_headAtom->isEntityAtom())
-        return m_headAtom->stringRepresentation();
-    return m_tag ? m_tag->plainStrings().value(0) : QString();
+    if (!atom->isEntityAtom())
+        return atom->stringRepresentation();
+    return tag() ? tag()->plainStrings().value(0) : QString();
 }
 
 QString HXTextElement::endTagString() const {
-    if (!m_tailAtom)
+    const HXTextAtomRef &atom = tailAtom();
+    if (!atom)
         return QString();
-    if (!m_tailAtom->isEntityAtom())
-        return m_tailAtom->stringRepresentation();
-    return m_tag ? m_tag->plainStrings().value(1) : QString();
+    if (!atom->isEntityAtom())
+        return atom->stringRepresentation();
+    return tag() ? tag()->plainStrings().value(1) : QString();
 }
 
-void HXTextElement::setMarkup(const std::shared_ptr<HXMarkup> &markup) {
-    if (m_definition && markup)
-        m_tag = markup->tagWithIdentifier(m_definition->identifier(), startTagString());
+void HXTextElement::setMarkup(const std::shared_ptr<HXMarkup> &given) {
+    const std::shared_ptr<HXMarkup> markup = given;
+    if (definition() && markup) {
+        HXNodeTraits::Fields fields = traits();
+        fields.tag = markup->tagWithIdentifier(fields.definition->identifier(), startTagString());
+        setTraits(std::move(fields));
+    }
     if (m_attributes)
-        m_attributes->setMarkup(markup);
+        (*m_attributes)->setMarkup(markup);
     HXTextNode::setMarkup(markup);
     // The tag texts follow the new tag where it writes them differently.
-    if (m_tag && isIntact())
+    if (tag() && isIntact())
         updateAtomsWithHead(QString(), QString());
 }
 
@@ -256,8 +290,8 @@ void HXTextElement::setMarkup(const std::shared_ptr<HXMarkup> &markup) {
 void HXTextElement::replaceCharactersInRange(HXRange range, const HXChunk &string,
                                              HXRange *editedRange, HXRange *affectedRange,
                                              HXRange *replacementRange) {
-    HX_ASSERT(!m_isObject, u"Object cannot be edited!");
-    if (!m_isEntity) {
+    HX_ASSERT(!isObject(), u"Object cannot be edited!");
+    if (!isEntity()) {
         HXTextNode::replaceCharactersInRange(range, string, editedRange, affectedRange,
                                              replacementRange);
         return;
@@ -296,7 +330,7 @@ void HXTextElement::replaceCharactersInRange(HXRange range, const HXChunk &strin
 // --- Text without structure -----------------------------------------------------------------
 
 QString HXTextElement::stringByRemovingObjects() const {
-    if (m_isObject)
+    if (isObject())
         return QString();
     QString result = startTagString();
     for (const HXChunk &chunk : innerChunks()) {
@@ -305,7 +339,7 @@ QString HXTextElement::stringByRemovingObjects() const {
         else
             result += chunk.string();
     }
-    if (m_closed)
+    if (isClosed())
         result += endTagString();
     result.remove(QChar(HXTextAtom::objectReplacementCharacter));
     return result;
@@ -323,16 +357,16 @@ QString HXTextElement::stringByRemovingObjectsAndTags() const {
 }
 
 bool HXTextElement::isCountable() const {
-    return !m_definition || !(m_definition->countingOptions() & HXCountingNotCountable);
+    return !definition() || !(definition()->countingOptions() & HXCountingNotCountable);
 }
 
 void HXTextElement::enumerateCountedAttributes(
     const std::function<void(const QString &, const QVariant &, const HXTagAttribute &)> &block)
     const {
     if (!m_attributes ||
-        (m_definition && (m_definition->countingOptions() & HXCountingAttributesNotCounted)))
+        (definition() && (definition()->countingOptions() & HXCountingAttributesNotCounted)))
         return;
-    m_attributes->enumerateAttributes(block);
+    (*m_attributes)->enumerateAttributes(block);
 }
 
 // --- Copying and comparing ------------------------------------------------------------------
@@ -346,15 +380,11 @@ HXRef<HXChunkString> HXTextElement::copyWithRange(HXRange range) const {
 void HXTextElement::initWithChunkString(const HXChunkString &other, HXRange range) {
     HXTextNode::initWithChunkString(other, range);
     const auto &source = static_cast<const HXTextElement &>(other);
-    m_closed = source.m_closed;
-    m_isEntity = source.m_isEntity;
-    m_isObject = source.m_isObject;
-    m_tag = source.m_tag;
-    m_definition = source.m_definition;
-    m_attributes = source.m_attributes ? source.m_attributes->copy() : nullptr;
-    // Atoms are immutable: the copy shares them.
-    m_headAtom = source.m_headAtom;
-    m_tailAtom = source.m_tailAtom;
+    // The traits came with the node's; they and their atoms are immutable and shared.
+    setFlag(closedFlag, source.isClosed());
+    setFlag(entityFlag, source.isEntity());
+    setFlag(objectFlag, source.isObject());
+    setAttributes(source.m_attributes ? (*source.m_attributes)->copy() : nullptr);
 }
 
 bool HXTextElement::isOfClassOf(const HXChunkString &other) const {
@@ -365,43 +395,54 @@ bool HXTextElement::isEqualToChunkString(const HXChunkString &other) const {
     const auto *element = dynamic_cast<const HXTextElement *>(&other);
     if (!element || !HXTextNode::isEqualToChunkString(other))
         return false;
-    if (m_closed != element->m_closed || m_isObject != element->m_isObject ||
-        m_isEntity != element->m_isEntity)
+    if (isClosed() != element->isClosed() || isObject() != element->isObject() ||
+        isEntity() != element->isEntity())
         return false;
-    if (bool(m_tag) != bool(element->m_tag) || (m_tag && !m_tag->isEqual(*element->m_tag)))
+    if (bool(tag()) != bool(element->tag()) || (tag() && !tag()->isEqual(*element->tag())))
         return false;
-    if (!HXDefinitionsEqual(m_definition, element->m_definition))
+    if (!HXDefinitionsEqual(definition(), element->definition()))
         return false;
-    if (bool(m_attributes) != bool(element->m_attributes))
+    const HXAttributeDictionaryRef &mine = attributes(), &theirs = element->attributes();
+    if (bool(mine) != bool(theirs))
         return false;
-    return !m_attributes || m_attributes->isEqual(*element->m_attributes);
+    return !mine || mine->isEqual(*theirs);
 }
 
 void HXTextElement::setLockingContext(const std::weak_ptr<HXLockingContext> &context) {
     HXTextNode::setLockingContext(context);
     if (m_attributes)
-        m_attributes->setLockingContext(context);
+        (*m_attributes)->setLockingContext(context);
 }
 
 QString HXTextElement::description() const {
     return QStringLiteral("<HXTextElement %1%2%3%4 %5>")
-        .arg(m_definition ? m_definition->identifier() : QStringLiteral("(no definition)"),
-             m_closed ? QStringLiteral(" closed") : QString(),
-             m_isEntity ? QStringLiteral(" entity") : QString(),
+        .arg(definition() ? definition()->identifier() : QStringLiteral("(no definition)"),
+             isClosed() ? QStringLiteral(" closed") : QString(),
+             isEntity() ? QStringLiteral(" entity") : QString(),
              isIntact() ? QString() : QStringLiteral(" broken"), HXTextNode::description());
 }
 
 void HXTextElement::checkInvariants(bool deep) const {
     HXTextNode::checkInvariants(deep);
-    if (m_definition) {
-        HX_ASSERT(m_isObject == (m_definition->scope() == HXObjectScope),
+    const HXNodeTraits::Fields &fields = traits();
+    HX_ASSERT(fields.groupings.isEmpty() && !fields.bookmark,
+              u"Element %@ has the traits of a paragraph.", description());
+    HX_ASSERT(!fields.tag || fields.definition, u"Element %@ has a tag but no definition.",
+              description());
+    for (const HXTextAtomRef &atom : {fields.headAtom, fields.tailAtom})
+        HX_ASSERT(!atom || !atom->isParagraphAtom(), u"Element %@ holds a paragraph's atom.",
+                  description());
+    if (definition()) {
+        HX_ASSERT(isObject() == (definition()->scope() == HXObjectScope),
                   u"Object flag of %@ does not follow its definition.", description());
     }
-    HX_ASSERT(!m_isObject || m_isEntity, u"Object %@ is no entity.", description());
+    HX_ASSERT(!isObject() || isEntity(), u"Object %@ is no entity.", description());
+    HX_ASSERT(!m_attributes || (*m_attributes && isEntity()),
+              u"Element %@ has attributes but is no entity.", description());
     if (isIntact()) {
-        HX_ASSERT(headChunk().isIdenticalTo(HXChunk(m_headAtom)),
+        HX_ASSERT(headChunk().isIdenticalTo(HXChunk(headAtom())),
                   u"Head atom of %@ is not its head chunk.", description());
-        if (!m_closed || m_isObject)
+        if (!isClosed() || isObject())
             HX_ASSERT(tailChunk().isNull(), u"Element %@ without end tag has a tail chunk.",
                       description());
     }

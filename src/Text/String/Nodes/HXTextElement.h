@@ -56,22 +56,25 @@ public:
                             const QString &startTag, const QString &endTag,
                             std::vector<HXChunk> inner);
 
-    const HXTextTagRef &tag() const { return m_tag; }
-    const HXDefinitionRef &definition() const { return m_definition; }
+    const HXTextTagRef &tag() const { return traits().tag; }
+    const HXDefinitionRef &definition() const { return traits().definition; }
     // Gives the element a tag of its own definition (or its first) and rebuilds its atoms, with
     // the start tag's text when one is given.
     void setTag(const HXTextTagRef &tag, const QString &string = QString());
-    bool isClosed() const { return m_closed; }
+    bool isClosed() const { return m_flags & closedFlag; }
     // Sets whether the end tag was found, and its text.
     void setClosed(bool closed, const QString &string = QString());
-    bool isEntity() const { return m_isEntity; }
-    bool isObject() const { return m_isObject; }
+    bool isEntity() const { return m_flags & entityFlag; }
+    bool isObject() const { return m_flags & objectFlag; }
     // The first chunk is the head atom and, for a closed element that is no object, the last is
     // the tail atom. An edit that cut into a tag leaves the element broken until reparsed.
     bool isIntact() const;
-    const HXTextAtomRef &headAtom() const { return m_headAtom; }
-    const HXTextAtomRef &tailAtom() const { return m_tailAtom; }
-    const HXAttributeDictionaryRef &attributes() const { return m_attributes; }
+    const HXTextAtomRef &headAtom() const { return traits().headAtom; }
+    const HXTextAtomRef &tailAtom() const { return traits().tailAtom; }
+    const HXAttributeDictionaryRef &attributes() const {
+        static const HXAttributeDictionaryRef none;
+        return m_attributes ? *m_attributes : none;
+    }
 
     // Derives the flags and the atoms: the start and end tag texts given, or the present ones.
     void updateAtomsWithHead(const QString &head, const QString &tail);
@@ -118,22 +121,24 @@ protected:
     void initWithChunkString(const HXChunkString &other, HXRange range) override;
 
 private:
+    static constexpr quint8 closedFlag = 4, entityFlag = 8, objectFlag = 16;
+
     void initWithTag(const HXTextTagRef &tag, const std::shared_ptr<HXMarkup> &markup);
-    // The flags, the attributes and the atoms for the tag texts, without placing the atoms.
     // The tag, and with it the definition where there was none; a different definition is the
     // assertion.
-    void takeTag(const HXTextTagRef &tag);
+    static void takeTag(HXNodeTraits::Fields &fields, const HXTextTagRef &tag);
+    // The flags, the attributes and the atoms for the tag texts, without placing the atoms: into
+    // the fields given, or into the element's traits.
+    void deriveAtoms(HXNodeTraits::Fields &fields, const QString &head, const QString &tail);
     void deriveAtoms(const QString &head, const QString &tail);
-    bool headAtomInPlace() const { return m_headAtom && m_headAtom->length() > 0; }
+    bool headAtomInPlace() const { return headAtom() && headAtom()->length() > 0; }
+    bool tailAtomInPlace() const {
+        return isClosed() && !isObject() && tailAtom() && tailAtom()->length() > 0;
+    }
+    void setAttributes(HXAttributeDictionaryRef attributes);
 
-    HXTextAtomRef m_headAtom;
-    HXTextAtomRef m_tailAtom;
-    bool m_closed = false;
-    bool m_isEntity = false;
-    bool m_isObject = false;
-    HXTextTagRef m_tag;
-    HXDefinitionRef m_definition;
-    HXAttributeDictionaryRef m_attributes;
+    // Only entities have attributes: a word for the others, not two.
+    std::unique_ptr<HXAttributeDictionaryRef> m_attributes;
 };
 
 using HXTextElementRef = HXRef<HXTextElement>;

@@ -22,8 +22,16 @@ HXRange shifted(HXRange range, quint64 by) {
 
 HXTextNode::~HXTextNode() = default;
 
-void HXTextNode::setMarkup(const std::shared_ptr<HXMarkup> &markup) {
-    m_markup = markup;
+void HXTextNode::setTraits(HXNodeTraits::Fields fields) {
+    if (!m_traits || !m_traits->fields().isIdenticalTo(fields))
+        m_traits = HXNodeTraits::traitsWithFields(std::move(fields));
+}
+
+void HXTextNode::setMarkup(const std::shared_ptr<HXMarkup> &given) {
+    const std::shared_ptr<HXMarkup> markup = given;
+    HXNodeTraits::Fields fields = traits();
+    fields.markup = markup;
+    setTraits(std::move(fields));
     for (const HXChunk &chunk : innerChunks()) {
         if (HXTextNode *node = chunk.as<HXTextNode>())
             node->setMarkup(markup);
@@ -33,7 +41,7 @@ void HXTextNode::setMarkup(const std::shared_ptr<HXMarkup> &markup) {
 
 void HXTextNode::initWithChunkString(const HXChunkString &other, HXRange range) {
     HXChunkString::initWithChunkString(other, range);
-    m_markup = static_cast<const HXTextNode &>(other).m_markup;
+    m_traits = static_cast<const HXTextNode &>(other).m_traits;
 }
 
 bool HXTextNode::isOfClassOf(const HXChunkString &other) const {

@@ -2,6 +2,7 @@
 
 #include "Text/Markup/HXTextTag.h"
 #include "Text/String/Implementation/HXChunkString.h"
+#include "Text/String/Nodes/HXNodeTraits.h"
 
 #include <QList>
 
@@ -39,7 +40,7 @@ public:
 
     ~HXTextNode() override;
 
-    const std::shared_ptr<HXMarkup> &markup() const { return m_markup; }
+    const std::shared_ptr<HXMarkup> &markup() const { return traits().markup; }
     // Takes the markup, passes it on to inner nodes and re-keys.
     virtual void setMarkup(const std::shared_ptr<HXMarkup> &markup);
 
@@ -83,7 +84,12 @@ protected:
     bool enumerateChunksAsStringsAndAtoms(HXRange range, const HXOpenTags &openTags, quint64 offset,
                                           const HXStringsAndAtomsBlock &block) const;
 
-    std::shared_ptr<HXMarkup> m_markup;
+    const HXNodeTraits::Fields &traits() const {
+        return m_traits ? m_traits->fields() : HXNodeTraits::noFields();
+    }
+    // Takes the shared set of the fields. References to the old fields die with it: arguments
+    // that may be such references are read into the fields first.
+    void setTraits(HXNodeTraits::Fields fields);
 
 private:
     void replaceInSingleChunk(HXRange range, const HXChunk &string, HXRange chunkRange,
@@ -92,6 +98,8 @@ private:
     void replaceInMultipleChunks(HXRange range, const HXChunk &string, HXRange chunkRange,
                                  HXRange *editedRange, HXRange *affectedRange,
                                  HXRange *replacementRange);
+
+    HXNodeTraitsRef m_traits;
 };
 
 // The chunks a new text brings into a node: its chunks if it is a node, else itself.
