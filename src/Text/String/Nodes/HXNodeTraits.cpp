@@ -65,3 +65,13 @@ HXNodeTraitsRef HXNodeTraits::traitsWithFields(Fields fields) {
     thread_local RecentTraits recent;
     return recent.traitsWithFields(std::move(fields), make);
 }
+
+HXNodeTraitsRef HXNodeTraits::traitsWithMarkup(const std::shared_ptr<HXMarkup> &markup) {
+    thread_local HXNodeTraitsRef last;
+    if (!last || last->fields().markup != markup) {
+        Fields fields;
+        fields.markup = markup;
+        last = traitsWithFields(std::move(fields));
+    }
+    return last;
+}

@@ -37,6 +37,8 @@ public:
 
     // The set of the fields: the one already made on this thread where there is one.
     static HXRef<HXNodeTraits> traitsWithFields(Fields fields);
+    // The set of nothing but the markup, which every new node starts with.
+    static HXRef<HXNodeTraits> traitsWithMarkup(const std::shared_ptr<HXMarkup> &markup);
     // The fields of a node without traits: all empty.
     static const Fields &noFields();
 

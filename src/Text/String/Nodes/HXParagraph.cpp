@@ -7,12 +7,18 @@
 #include <QHash>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <array>
 
 // --- Making paragraphs ----------------------------------------------------------------------
 
 void HXParagraph::setExtras(const QList<HXTextTagRef> &groupings, const HXTextTagRef &tag,
                             const HXBookmarkRef &bookmark) {
+    const HXNodeTraits::Fields &present = traits();
+    if (present.tag == tag && present.bookmark == bookmark &&
+        present.groupings.size() == groupings.size() &&
+        std::equal(groupings.begin(), groupings.end(), present.groupings.begin()))
+        return;
     HXNodeTraits::Fields fields;
     fields.markup = markup();
     fields.groupings = groupings;
@@ -45,11 +51,9 @@ HXRef<HXParagraph> HXParagraph::paragraphWithText(const HXChunk &text,
                                                   HXDefinitionSelector recognizedDefinitions,
                                                   const HXParagraph *bookmarkSource) {
     auto paragraph = HXRef<HXParagraph>::make();
-    HXNodeTraits::Fields fields;
-    fields.markup = markup;
+    paragraph->setTraits(HXNodeTraits::traitsWithMarkup(markup));
     if (bookmarkSource)
-        fields.bookmark = bookmarkSource->bookmark();
-    paragraph->setTraits(std::move(fields));
+        paragraph->setBookmark(bookmarkSource->bookmark());
     paragraph->storeRecognizedDefinitions(recognizedDefinitions);
     if (text.length() == 0)
         paragraph->updateAtoms(std::nullopt);

@@ -164,55 +164,62 @@ void HXTextElement::updateAtomsWithHead(const QString &givenHead, const QString 
 }
 
 void HXTextElement::deriveAtoms(const QString &head, const QString &tail) {
-    HXNodeTraits::Fields fields = traits();
+    const HXNodeTraits::Fields &present = traits();
+    deriveFlags(present);
+    if (atomsStand(present, head, tail))
+        return;
+    HXNodeTraits::Fields fields = present;
     deriveAtoms(fields, head, tail);
     setTraits(std::move(fields));
 }
 
-void HXTextElement::deriveAtoms(HXNodeTraits::Fields &fields, const QString &head,
-                                const QString &tail) {
-    if (fields.definition) {
-        const quint64 scope = fields.definition->scope();
-        setFlag(objectFlag, isObject() || scope == HXObjectScope);
-        setFlag(entityFlag,
-                isEntity() || isObject() ||
-                    (isClosed() && (scope == HXAttributedTextScope || scope == HXObjectScope)));
-        if (isEntity() && !m_attributes && !fields.definition->attributes().isEmpty())
-            setAttributes(
-                std::make_shared<HXAttributeDictionary>(fields.definition, fields.markup));
-    }
+void HXTextElement::deriveFlags(const HXNodeTraits::Fields &fields) {
+    if (!fields.definition)
+        return;
+    const quint64 scope = fields.definition->scope();
+    setFlag(objectFlag, isObject() || scope == HXObjectScope);
+    setFlag(entityFlag,
+            isEntity() || isObject() ||
+                (isClosed() && (scope == HXAttributedTextScope || scope == HXObjectScope)));
+    if (isEntity() && !m_attributes && !fields.definition->attributes().isEmpty())
+        setAttributes(std::make_shared<HXAttributeDictionary>(fields.definition, fields.markup));
+}
 
-    const bool entity = isEntity();
-    const HXTextTagRef &tag = fields.tag;
-    bool converted = false;
+bool HXTextElement::atomsStand(const HXNodeTraits::Fields &fields, const QString &head,
+                               const QString &tail) const {
     // An atom that already says what is asked of it stays: atoms are immutable.
+    const bool entity = isEntity();
     auto standing = [&](const HXTextAtomRef &atom, const QString &text) {
-        return atom && atom->tag() == tag && atom->isEntityAtom() == entity &&
+        return atom && atom->tag() == fields.tag && atom->isEntityAtom() == entity &&
                (entity || atom->stringRepresentation() == text);
     };
-    if (tag && standing(fields.headAtom, head) && standing(fields.tailAtom, tail)) {
-        converted = true;
-    } else if (fields.headAtom && fields.tailAtom && tag) {
+    return fields.tag && standing(fields.headAtom, head) && standing(fields.tailAtom, tail);
+}
+
+void HXTextElement::deriveAtoms(HXNodeTraits::Fields &fields, const QString &head,
+                                const QString &tail) {
+    deriveFlags(fields);
+    if (atomsStand(fields, head, tail))
+        return;
+    const bool entity = isEntity();
+    const HXTextTagRef &tag = fields.tag;
+    if (fields.headAtom && fields.tailAtom && tag) {
         auto newHead = HXTextAtom::copyOfAtom(*fields.headAtom, tag, {}, 0, head, entity);
         auto newTail = HXTextAtom::copyOfAtom(*fields.tailAtom, tag, {}, 0, tail, entity);
         if (newHead->tag() && newTail->tag()) {
             fields.headAtom = std::move(newHead);
             fields.tailAtom = std::move(newTail);
-            converted = true;
+            return;
         }
     }
-    if (!converted) {
-        const bool defined = bool(fields.definition);
-        fields.headAtom = defined ? HXTextAtom::atomWithTextElement(tag, 0, entity, head) : nullptr;
-        fields.tailAtom = defined ? HXTextAtom::atomWithTextElement(tag, 1, entity, tail) : nullptr;
-    }
+    const bool defined = bool(fields.definition);
+    fields.headAtom = defined ? HXTextAtom::atomWithTextElement(tag, 0, entity, head) : nullptr;
+    fields.tailAtom = defined ? HXTextAtom::atomWithTextElement(tag, 1, entity, tail) : nullptr;
 }
 
 HXRef<HXTextElement> HXTextElement::emptyElement(const std::shared_ptr<HXMarkup> &markup) {
     auto element = HXRef<HXTextElement>::make();
-    HXNodeTraits::Fields fields;
-    fields.markup = markup;
-    element->setTraits(std::move(fields));
+    element->setTraits(HXNodeTraits::traitsWithMarkup(markup));
     return element;
 }
 

@@ -131,6 +131,11 @@ private:
     // the fields given, or into the element's traits.
     void deriveAtoms(HXNodeTraits::Fields &fields, const QString &head, const QString &tail);
     void deriveAtoms(const QString &head, const QString &tail);
+    // The flags and attributes that the definition of the fields implies.
+    void deriveFlags(const HXNodeTraits::Fields &fields);
+    // Whether the atoms of the fields already say the tag texts.
+    bool atomsStand(const HXNodeTraits::Fields &fields, const QString &head,
+                    const QString &tail) const;
     bool headAtomInPlace() const { return headAtom() && headAtom()->length() > 0; }
     bool tailAtomInPlace() const {
         return isClosed() && !isObject() && tailAtom() && tailAtom()->length() > 0;

@@ -90,6 +90,7 @@ protected:
     // Takes the shared set of the fields. References to the old fields die with it: arguments
     // that may be such references are read into the fields first.
     void setTraits(HXNodeTraits::Fields fields);
+    void setTraits(HXNodeTraitsRef traits) { m_traits = std::move(traits); }
 
 private:
     void replaceInSingleChunk(HXRange range, const HXChunk &string, HXRange chunkRange,

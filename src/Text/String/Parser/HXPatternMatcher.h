@@ -52,6 +52,11 @@ public:
         return unit < 128 ? m_asciiStarts.test(unit)
                           : m_nonAsciiStarts && (!m_onlyNonAscii || unit == m_onlyNonAscii);
     }
+    // Whether a match may begin with one of the units a text holds: the ASCII ones in the set,
+    // and some beyond ASCII where `nonAscii` says so.
+    bool mayStartIn(const std::bitset<128> &ascii, bool nonAscii) const {
+        return (m_asciiStarts & ascii).any() || (nonAscii && m_nonAsciiStarts);
+    }
     // The one code unit beyond ASCII a match may begin with, when there is only one; 0 when a
     // match can begin with any such unit or none.
     char16_t onlyNonAsciiStart() const { return m_nonAsciiStarts ? m_onlyNonAscii : 0; }

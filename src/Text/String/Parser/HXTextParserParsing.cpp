@@ -366,12 +366,7 @@ public:
         , m_markup(markup)
         , m_forbidden(forbidden)
         , m_text(flat.text.view())
-        , m_textRanges(flat.textRanges()) {
-        for (const Candidate &candidate : tables.inlineCandidates) {
-            if (!forbidden.contains(candidate.tag.get()))
-                m_candidates.append(&candidate);
-        }
-    }
+        , m_textRanges(flat.textRanges()) {}
 
     // The chunks of the range, with its elements; melted elements are taken up again from the
     // reusable ones.
@@ -441,8 +436,28 @@ std::vector<HXChunk> InlineParser::parse(HXRange range, ReusableElements &reusab
     quint64 position = range.location;
     const quint64 end = range.max();
     // Text where no tag can begin is plain, as it most often is.
-    if (m_candidates.isEmpty() ||
-        m_tables.firstPossibleInlineStart(m_text.view(), position, end) == end) {
+    if (m_tables.firstPossibleInlineStart(m_text.view(), position, end) == end) {
+        appendText(position, end);
+        return std::move(m_root);
+    }
+    // The candidates: those not forbidden that may begin with a unit of the text.
+    std::bitset<128> ascii;
+    bool nonAscii = false;
+    const QStringView searched = m_text.view().sliced(qsizetype(position), qsizetype(end - position));
+    for (const QChar character : searched) {
+        const char16_t unit = character.unicode();
+        if (unit < 128)
+            ascii.set(unit);
+        else
+            nonAscii = true;
+    }
+    for (const Candidate &candidate : m_tables.inlineCandidates) {
+        if ((candidate.start.mayStartIn(ascii, nonAscii) ||
+             candidate.end.mayStartIn(ascii, nonAscii)) &&
+            !m_forbidden.contains(candidate.tag.get()))
+            m_candidates.append(&candidate);
+    }
+    if (m_candidates.isEmpty()) {
         appendText(position, end);
         return std::move(m_root);
     }
