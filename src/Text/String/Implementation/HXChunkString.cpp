@@ -70,6 +70,18 @@ HXChunk HXChunkString::lastChunk() const {
     return m_map.at(cursor);
 }
 
+const HXStringObject *HXChunkString::firstObject() const {
+    return m_map.isEmpty() ? nullptr : m_map.at(m_map.begin()).object();
+}
+
+const HXStringObject *HXChunkString::lastObject() const {
+    if (m_map.isEmpty())
+        return nullptr;
+    HXChunkMap::Cursor cursor = m_map.end();
+    m_map.previous(cursor);
+    return m_map.at(cursor).object();
+}
+
 QList<HXChunk> HXChunkString::allChunks() const {
     QList<HXChunk> chunks;
     chunks.reserve(m_map.count());

@@ -57,6 +57,10 @@ public:
     HXChunk chunkAtIndex(quint64 index) const;
     HXChunk firstChunk() const { return chunkAtIndex(0); }
     HXChunk lastChunk() const;
+    // The objects of the first and the last chunk where they stand, without copies; nothing for
+    // plain texts or no chunks.
+    const HXStringObject *firstObject() const;
+    const HXStringObject *lastObject() const;
     // The head and tail chunks, or nothing.
     HXChunk headChunk() const { return hasHeadChunk() ? firstChunk() : HXChunk(); }
     HXChunk tailChunk() const { return hasTailChunk() ? lastChunk() : HXChunk(); }

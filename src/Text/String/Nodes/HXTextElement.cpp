@@ -3,6 +3,8 @@
 #include "Text/Markup/HXMarkup.h"
 #include "Utilities/HXAssert.h"
 
+#include <array>
+
 namespace {
 
 // The text of a tag chunk as a new atom would take it: nothing for an entity's atom or for no
@@ -149,10 +151,11 @@ void HXTextElement::setClosed(bool closed, const QString &string) {
 }
 
 bool HXTextElement::isIntact() const {
-    if (!headAtom() || !firstChunk().isIdenticalTo(HXChunk(headAtom())))
+    const HXTextAtom *head = headAtom().get();
+    if (!head || firstObject() != head)
         return false;
     if (isClosed() && !isObject())
-        return tailAtom() && lastChunk().isIdenticalTo(HXChunk(tailAtom()));
+        return tailAtom() && lastObject() == tailAtom().get();
     return true;
 }
 
@@ -224,11 +227,72 @@ HXRef<HXTextElement> HXTextElement::emptyElement(const std::shared_ptr<HXMarkup>
 }
 
 bool HXTextElement::beginParsed(const HXTextTagRef &tag, const QString &startTag) {
-    HXNodeTraits::Fields fields = traits();
-    takeTag(fields, tag);
-    deriveAtoms(fields, startTag, textOfTagChunk(tailChunk()));
-    setTraits(std::move(fields));
+    deriveTraits(&tag, startTag, textOfTagChunk(tailChunk()));
     return tailAtomInPlace();
+}
+
+namespace {
+
+// What deriving an element's traits made last from given traits, flags, tag and tag texts: the
+// elements of a text begin and end in the same few ways. A slot holds both sets of traits, so
+// that no address in it can stand for a new object.
+struct Derivation {
+    HXNodeTraitsRef from;
+    bool takesTag = false;
+    const HXTextTag *tag = nullptr;
+    quint8 flagsBefore = 0;
+    QString head, tail;
+    HXNodeTraitsRef to;
+    quint8 flagsAfter = 0;
+};
+
+class RecentDerivations {
+public:
+    Derivation &slot(const HXNodeTraitsRef &from, const HXTextTag *tag, const QString &head,
+                     const QString &tail) {
+        const size_t hash = std::hash<const void *>()(from.get()) ^
+                            (std::hash<const void *>()(tag) << 1) ^ qHash(head) ^
+                            (qHash(tail) << 2);
+        return m_slots[(hash * 0x9e3779b97f4a7c15ull) >> 56];
+    }
+
+private:
+    std::array<Derivation, 256> m_slots;
+};
+
+} // namespace
+
+void HXTextElement::deriveTraits(const HXTextTagRef *tag, const QString &head,
+                                 const QString &tail) {
+    static constexpr quint8 derivedFlags = closedFlag | entityFlag | objectFlag;
+    thread_local RecentDerivations recent;
+    const HXTextTag *newTag = tag ? tag->get() : nullptr;
+    Derivation &slot = recent.slot(traitsReference(), newTag, head, tail);
+    const quint8 flagsBefore = m_flags & derivedFlags;
+    if (slot.to && slot.from == traitsReference() && slot.takesTag == bool(tag) &&
+        slot.tag == newTag &&
+        slot.flagsBefore == flagsBefore && slot.head == head && slot.tail == tail &&
+        slot.head.isNull() == head.isNull() && slot.tail.isNull() == tail.isNull()) {
+        m_flags = quint8((m_flags & ~derivedFlags) | slot.flagsAfter);
+        setTraits(slot.to);
+        // Attributes are the element's own.
+        deriveFlags(traits());
+        return;
+    }
+    HXNodeTraitsRef from = traitsReference();
+    HXNodeTraits::Fields fields = traits();
+    if (tag)
+        takeTag(fields, *tag);
+    deriveAtoms(fields, head, tail);
+    setTraits(std::move(fields));
+    slot.from = std::move(from);
+    slot.takesTag = bool(tag);
+    slot.tag = newTag;
+    slot.flagsBefore = flagsBefore;
+    slot.head = head;
+    slot.tail = tail;
+    slot.to = traitsReference();
+    slot.flagsAfter = m_flags & derivedFlags;
 }
 
 void HXTextElement::finishParsedObject() {
@@ -239,7 +303,7 @@ void HXTextElement::finishParsedObject() {
 void HXTextElement::finishParsed(std::vector<HXChunk> &chunks, bool closed, const QString &endTag,
                                  bool oldTailInPlace) {
     setFlag(closedFlag, closed);
-    deriveAtoms(headAtomInPlace() ? textOfTagChunk(HXChunk(headAtom())) : QString(),
+    deriveTraits(nullptr, headAtomInPlace() ? textOfTagChunk(HXChunk(headAtom())) : QString(),
                 !endTag.isNull() ? endTag
                 : oldTailInPlace ? textOfTagChunk(HXChunk(tailAtom()))
                                  : QString());

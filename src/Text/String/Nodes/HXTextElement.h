@@ -131,6 +131,9 @@ private:
     // the fields given, or into the element's traits.
     void deriveAtoms(HXNodeTraits::Fields &fields, const QString &head, const QString &tail);
     void deriveAtoms(const QString &head, const QString &tail);
+    // Takes the tag, when one is given, and derives flags and atoms for the tag texts: what
+    // deriving made last from the same traits, flags, tag and texts, where it is known.
+    void deriveTraits(const HXTextTagRef *tag, const QString &head, const QString &tail);
     // The flags and attributes that the definition of the fields implies.
     void deriveFlags(const HXNodeTraits::Fields &fields);
     // Whether the atoms of the fields already say the tag texts.

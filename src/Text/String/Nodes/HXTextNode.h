@@ -91,6 +91,7 @@ protected:
     // that may be such references are read into the fields first.
     void setTraits(HXNodeTraits::Fields fields);
     void setTraits(HXNodeTraitsRef traits) { m_traits = std::move(traits); }
+    const HXNodeTraitsRef &traitsReference() const { return m_traits; }
 
 private:
     void replaceInSingleChunk(HXRange range, const HXChunk &string, HXRange chunkRange,
