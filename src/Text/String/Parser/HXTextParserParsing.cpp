@@ -290,12 +290,22 @@ struct FlatText {
 // Walks the chunks of a node as flattening takes them: entities and closed code whole, elements
 // of forbidden tags melted to the texts of their tags around their inner chunks, other elements
 // melted with their atoms. The walk keeps its own stack, so deep trees can't exhaust the
-// thread's.
-FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidden,
+// thread's. Counting, it only measures the text, which then is the node's own characters apart
+// from the kept elements; it gives up (false) at a forbidden entity, whose tag texts aren't its
+// characters.
+template<bool Counting>
+bool flattenInto(FlatText &flat, const HXChunkString &node, const HXTextParser::TagSet &forbidden,
                  quint64 definitionOptions) {
-    FlatText flat;
     QString text;
-    text.reserve(qsizetype(node.length()) + 16);
+    quint64 counted = 0;
+    if constexpr (!Counting)
+        text.reserve(qsizetype(node.length()) + 16);
+    auto location = [&]() -> quint64 {
+        if constexpr (Counting)
+            return counted;
+        else
+            return quint64(text.size());
+    };
     struct Frame {
         QList<HXChunk> chunks;
         qsizetype next = 0;
@@ -308,7 +318,10 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
         if (stack.back().next == stack.back().chunks.size()) {
             const QString after = std::move(stack.back().after);
             stack.pop_back();
-            text += after;
+            if constexpr (Counting)
+                counted += quint64(after.size());
+            else
+                text += after;
             continue;
         }
         const HXChunk chunk = stack.back().chunks.at(stack.back().next++);
@@ -324,7 +337,9 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
                 if (frame.melting && frame.next == 1 && atom->part() == 0 && atom->tag())
                     flat.reusable.append(atom->tag().get(), frame.melting);
             }
-            if (chunk.isPlain())
+            if constexpr (Counting)
+                counted += chunk.length();
+            else if (chunk.isPlain())
                 text += chunk.view();
             else
                 text += chunk.string();
@@ -337,13 +352,22 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
              (element->isClosed() && element->tag() && element->definition()->noParsingInside()))) {
             if ((definitionOptions & HXSelectorNoMedia) && element->attributes())
                 element->attributes()->removeFileWrappersQuietly();
-            flat.kept.push_back(FlatText::Kept{quint64(text.size()), element});
-            text.resize(text.size() + qsizetype(element->length()), QChar(0xfffc));
+            flat.kept.push_back(FlatText::Kept{location(), element});
+            if constexpr (Counting)
+                counted += element->length();
+            else
+                text.resize(text.size() + qsizetype(element->length()), QChar(0xfffc));
             continue;
         }
         if (forbiddenTag && intact) {
             // Not allowed here: its tags come back as their texts, an entity's too.
-            text += element->startTagString();
+            if constexpr (Counting) {
+                if (element->isEntity())
+                    return false;
+                counted += quint64(element->startTagString().size());
+            } else {
+                text += element->startTagString();
+            }
             stack.push_back(Frame{
                 element->innerChunks(), 0,
                 element->isClosed() && !element->isObject() ? element->endTagString() : QString()});
@@ -351,7 +375,24 @@ FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidde
         }
         stack.push_back(Frame{element->allChunks(), 0, QString(), element});
     }
-    flat.text = Characters::of(text);
+    if constexpr (!Counting)
+        flat.text = Characters::of(text);
+    return true;
+}
+
+// The flat text of a node; where its characters are given, they are the flat text if they can
+// be, and the kept elements stand in them with their own characters, which the parse passes by.
+FlatText flatten(const HXChunkString &node, const HXTextParser::TagSet &forbidden,
+                 quint64 definitionOptions, const Characters *characters = nullptr) {
+    if (characters) {
+        FlatText flat;
+        if (flattenInto<true>(flat, node, forbidden, definitionOptions)) {
+            flat.text = *characters;
+            return flat;
+        }
+    }
+    FlatText flat;
+    flattenInto<false>(flat, node, forbidden, definitionOptions);
     return flat;
 }
 
@@ -435,21 +476,33 @@ void InlineParser::closeInnermost(bool closing, const QString &matchedText, Matc
 std::vector<HXChunk> InlineParser::parse(HXRange range, ReusableElements &reusable) {
     quint64 position = range.location;
     const quint64 end = range.max();
-    // Text where no tag can begin is plain, as it most often is.
-    if (m_tables.firstPossibleInlineStart(m_text.view(), position, end) == end) {
+    // Text where no tag can begin is plain, as it most often is; kept elements are passed by.
+    const QStringView view = m_text.view();
+    TextRanges parts;
+    bool mayStart = false;
+    for (const HXRange &textRange : m_textRanges) {
+        const HXRange part = HXIntersectionRange(textRange, HXRange{position, end - position});
+        if (part.length == 0)
+            continue;
+        parts.append(part);
+        mayStart = mayStart ||
+                   m_tables.firstPossibleInlineStart(view, part.location, part.max()) != part.max();
+    }
+    if (!mayStart) {
         appendText(position, end);
         return std::move(m_root);
     }
     // The candidates: those not forbidden that may begin with a unit of the text.
     std::bitset<128> ascii;
     bool nonAscii = false;
-    const QStringView searched = m_text.view().sliced(qsizetype(position), qsizetype(end - position));
-    for (const QChar character : searched) {
-        const char16_t unit = character.unicode();
-        if (unit < 128)
-            ascii.set(unit);
-        else
-            nonAscii = true;
+    for (const HXRange &part : parts) {
+        for (const QChar character : view.sliced(qsizetype(part.location), qsizetype(part.length))) {
+            const char16_t unit = character.unicode();
+            if (unit < 128)
+                ascii.set(unit);
+            else
+                nonAscii = true;
+        }
     }
     for (const Candidate &candidate : m_tables.inlineCandidates) {
         if ((candidate.start.mayStartIn(ascii, nonAscii) ||
@@ -701,7 +754,7 @@ void HXTextParser::reparseParagraph(HXParagraph &paragraph, HXRange *changedText
     // Text without elements is its own flat form.
     FlatText flat;
     if (holdsElements(paragraph))
-        flat = flatten(paragraph, forbidden, quint64(selector));
+        flat = flatten(paragraph, forbidden, quint64(selector), &characters);
     else
         flat.text = characters;
 
