@@ -682,11 +682,9 @@ public:
             return true;
         case Level::Paragraph:
             // Held back until the next one comes: only then is its line feed known.
-            if (m_heldBack.paragraph) {
-                m_heldBack.text += u'\n';
-                finishParagraph(m_heldBack);
-            }
-            m_heldBack = std::move(node);
+            if (m_heldBack.paragraph)
+                finishParagraph(m_heldBack, true);
+            std::swap(m_heldBack, node);
             return true;
         case Level::Bookmark:
             m_open.back().paragraph->setBookmark(HXBookmark::bookmark());
@@ -822,9 +820,17 @@ private:
         return true;
     }
 
-    static void flushText(Node &node) {
-        if (!node.text.isEmpty())
-            node.chunks.emplace_back(node.text);
+    // The text gathered becomes a chunk, with a line feed behind it where one is asked for.
+    static void flushText(Node &node, bool lineFeed = false) {
+        const qsizetype size = node.text.size() + (lineFeed ? 1 : 0);
+        if (size == 0)
+            return;
+        HXTextBuffer *buffer = HXTextBuffer::makeUninitialized(quint32(size));
+        char16_t *units = buffer->mutableUnits();
+        std::copy_n(node.text.utf16(), node.text.size(), units);
+        if (lineFeed)
+            units[size - 1] = u'\n';
+        node.chunks.emplace_back(buffer, 0, quint32(size));
         node.text.clear();
     }
     // A chunk for the paragraph or element that is open; empty ones are left out.
@@ -841,8 +847,8 @@ private:
         underItsLock(*m_string, step);
     }
 
-    void finishParagraph(Node &node) {
-        flushText(node);
+    void finishParagraph(Node &node, bool lineFeed = false) {
+        flushText(node, lineFeed);
         HXParagraph &paragraph = *node.paragraph;
         paragraph.takeInnerChunks(std::move(node.chunks));
         if (paragraph.length() > 0) {
