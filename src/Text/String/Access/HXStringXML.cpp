@@ -13,6 +13,12 @@
 #include "Utilities/HXXMLReader.h"
 #include "Utilities/HXXMLWriter.h"
 
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <thread>
+
 namespace {
 
 // --- Writing --------------------------------------------------------------------------------
@@ -607,13 +613,116 @@ private:
 // steps. What it doesn't take as the common case (attributes of elements, objects, a bookmark or
 // tags after text, and every fault the readers name) stops it, and the readers above read the
 // document instead, so that either way the string and the errors are the same.
+// Parses read paragraphs anew in batches. Once a text proves large, its batches go to a second
+// thread, which parses them while the rest of the document is read; each paragraph is touched by
+// one thread at a time, handed over with its batch. What the parse raises is raised again by
+// finish(). Paragraphs keep their order, which the caller holds apart.
+class ParagraphParser {
+public:
+    explicit ParagraphParser(HXMutableString &string)
+        : m_string(string) {}
+    ~ParagraphParser() { stop(); }
+    ParagraphParser(const ParagraphParser &) = delete;
+    ParagraphParser &operator=(const ParagraphParser &) = delete;
+
+    void add(HXParagraphRef paragraph) {
+        m_batch.push_back(std::move(paragraph));
+        if (m_batch.size() < batchSize)
+            return;
+        if (!m_worker.joinable() && std::thread::hardware_concurrency() > 1)
+            m_worker = std::thread([this] { work(); });
+        if (!m_worker.joinable()) {
+            parse(m_batch);
+            m_batch.clear();
+            return;
+        }
+        std::lock_guard lock(m_mutex);
+        m_queue.push_back(std::move(m_batch));
+        m_batch.clear();
+        m_changed.notify_one();
+    }
+
+    // Parses the last batch here, waits for the other thread to end its work and raises what
+    // failed there.
+    void finish() {
+        parse(m_batch);
+        m_batch.clear();
+        if (m_worker.joinable()) {
+            {
+                std::lock_guard lock(m_mutex);
+                m_finishing = true;
+                m_changed.notify_one();
+            }
+            m_worker.join();
+        }
+        if (m_failure)
+            std::rethrow_exception(std::exchange(m_failure, nullptr));
+    }
+
+private:
+    static constexpr size_t batchSize = 512;
+
+    void parse(const std::vector<HXParagraphRef> &batch) {
+        if (batch.empty())
+            return;
+        // Parsed anew: the stored tags and elements are taken up where the text still has them.
+        underItsLock(m_string, [&] {
+            for (const HXParagraphRef &paragraph : batch)
+                HXTextParser::reparseParagraph(*paragraph);
+        });
+    }
+
+    void work() {
+        for (;;) {
+            std::vector<HXParagraphRef> batch;
+            {
+                std::unique_lock lock(m_mutex);
+                m_changed.wait(lock, [&] { return !m_queue.empty() || m_finishing; });
+                if (m_queue.empty() || m_failure)
+                    return;
+                batch = std::move(m_queue.front());
+                m_queue.pop_front();
+            }
+            try {
+                parse(batch);
+            } catch (...) {
+                std::lock_guard lock(m_mutex);
+                m_failure = std::current_exception();
+            }
+        }
+    }
+
+    // Ends the other thread without waiting for its queue, as when the document is given up.
+    void stop() {
+        if (!m_worker.joinable())
+            return;
+        {
+            std::lock_guard lock(m_mutex);
+            m_queue.clear();
+            m_finishing = true;
+            m_changed.notify_one();
+        }
+        m_worker.join();
+    }
+
+    HXMutableString &m_string;
+    std::vector<HXParagraphRef> m_batch;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<std::vector<HXParagraphRef>> m_queue;
+    bool m_finishing = false;
+    std::exception_ptr m_failure;
+    std::thread m_worker;
+};
+
 class PlainStringBuilder {
 public:
     PlainStringBuilder(std::shared_ptr<HXMutableString> string, std::shared_ptr<HXMarkup> markup,
                        HXDefinitionSelector definitions)
         : m_string(std::move(string))
         , m_markup(std::move(markup))
-        , m_definitions(definitions) {}
+        , m_definitions(definitions)
+        , m_parser(*m_string) {}
 
     bool startElement(QStringView name,
                       const std::vector<HXPlainXMLScanner::Attribute> &attributes) {
@@ -852,10 +961,8 @@ private:
         HXParagraph &paragraph = *node.paragraph;
         paragraph.takeInnerChunks(std::move(node.chunks));
         if (paragraph.length() > 0) {
-            // Parsed anew: the stored tags and elements are taken up where the text still has
-            // them.
-            locked([&] { HXTextParser::reparseParagraph(paragraph); });
-            m_paragraphs.emplace_back(node.paragraph);
+            m_paragraphs.push_back(node.paragraph);
+            m_parser.add(std::move(node.paragraph));
         }
         node = Node{};
     }
@@ -863,10 +970,11 @@ private:
     void finishString() {
         if (m_heldBack.paragraph)
             finishParagraph(m_heldBack);
-        locked([&] {
-            m_string->setAllChunks(m_paragraphs.data(), m_paragraphs.size(), false, false);
-        });
+        m_parser.finish();
+        // The chunks are made now that the paragraphs have their lengths.
+        std::vector<HXChunk> chunks(m_paragraphs.begin(), m_paragraphs.end());
         m_paragraphs.clear();
+        locked([&] { m_string->setAllChunks(chunks.data(), chunks.size(), false, false); });
     }
 
     std::shared_ptr<HXMutableString> m_string;
@@ -874,8 +982,9 @@ private:
     HXDefinitionSelector m_definitions;
     std::vector<Node> m_open;
     Node m_heldBack;
-    std::vector<HXChunk> m_paragraphs;
+    std::vector<HXParagraphRef> m_paragraphs;
     std::vector<KnownTag> m_knownTags;
+    ParagraphParser m_parser;
 };
 
 } // namespace
