@@ -480,6 +480,9 @@ QString HXParagraph::description() const {
 
 void HXParagraph::checkInvariants(bool deep) const {
     HXTextNode::checkInvariants(deep);
+    const HXNodeTraits::Fields &fields = traits();
+    HX_ASSERT(!fields.definition && !fields.headAtom && !fields.tailAtom,
+              u"Paragraph %@ has the traits of an element.", description());
     if (const HXChunkString *head = headStringInPlace()) {
         HX_ASSERT(head->numberOfMapEntries() - 1 == groupings().size() + (tag() ? 1 : 0),
                   u"Mismatching number of strings");
