@@ -40,6 +40,8 @@ public:
 
     ~HXTextNode() override;
 
+    // The markup, like the other traits a subclass shows, stands in the node's shared traits: the
+    // reference lasts until they change, so a caller that changes the node keeps a copy.
     const std::shared_ptr<HXMarkup> &markup() const { return traits().markup; }
     // Takes the markup, passes it on to inner nodes and re-keys.
     virtual void setMarkup(const std::shared_ptr<HXMarkup> &markup);
