@@ -30,6 +30,9 @@ inline void setUpEnvironment() {
     qputenv("XDG_CACHE_HOME", home + "/.cache");
     qputenv("XDG_STATE_HOME", home + "/.local/state");
     qputenv("XDG_DOCUMENTS_DIR", home + "/Documents");
+    // Lock files of file coordination; processes the test starts share them.
+    qputenv("XDG_RUNTIME_DIR", home + "/.runtime");
+    QDir().mkpath(QString::fromUtf8(home + "/.runtime"));
     QStandardPaths::setTestModeEnabled(true);
 }
 

@@ -146,6 +146,10 @@ QThreadPool *HXDispatchQueue::threadPool() {
     return &pool;
 }
 
+bool HXDispatchQueue::isPoolThread() {
+    return t_isPoolThread;
+}
+
 std::shared_ptr<HXDispatchQueue> HXDispatchQueue::mainQueue() {
     static const std::shared_ptr<HXDispatchQueue> queue(
         new HXDispatchQueue(QStringLiteral("main"), Kind::Main, Priority::High, false));

@@ -39,6 +39,9 @@ public:
     static bool isMainThread();
     // The pool that runs the blocks of every queue but the main one.
     static QThreadPool *threadPool();
+    // Whether this thread is one of the pool's. A wait there should release its thread to the
+    // pool while it waits, and reserve it again after, so that waits never starve the pool.
+    static bool isPoolThread();
 
     ~HXDispatchQueue();
     HXDispatchQueue(const HXDispatchQueue &) = delete;

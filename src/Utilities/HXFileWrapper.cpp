@@ -1,10 +1,16 @@
 #include "Utilities/HXFileWrapper.h"
 
+#include "Utilities/HXFileSystem.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QMimeDatabase>
-#include <QSaveFile>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 std::shared_ptr<HXFileWrapper>
 HXFileWrapper::regularFileWithContents(const QByteArray &contents,
@@ -41,6 +47,7 @@ std::shared_ptr<HXFileWrapper> HXFileWrapper::fileWrapperWithPath(const QString 
         return directoryWithFileWrappers(children, info.fileName());
     }
     QFile file(path);
+    const HXFileIdentity identity = HXFileIdentity::ofPath(path);
     if (!file.open(QIODevice::ReadOnly)) {
         HXSetError(error, HXError::fileError(
                               info.exists() ? HXFileReadUnknownError : HXFileNoSuchFileError, path,
@@ -48,7 +55,26 @@ std::shared_ptr<HXFileWrapper> HXFileWrapper::fileWrapperWithPath(const QString 
                               file.errorString()));
         return nullptr;
     }
-    return regularFileWithContents(file.readAll(), info.fileName());
+    auto wrapper = regularFileWithContents(file.readAll(), info.fileName());
+    // Remembered only when nothing changed the file while it was read.
+    if (HXFileIdentity::ofPath(path) == identity) {
+        wrapper->m_sourcePath = QFileInfo(path).absoluteFilePath();
+        wrapper->m_sourceInode = qint64(identity.inode);
+        wrapper->m_sourceSize = identity.size;
+        wrapper->m_sourceModificationTime = identity.modificationTime;
+    }
+    return wrapper;
+}
+
+QString HXFileWrapper::unchangedSourcePath() const {
+    if (m_sourcePath.isEmpty())
+        return {};
+    const HXFileIdentity identity = HXFileIdentity::ofPath(m_sourcePath);
+    // Not the change time: the links of earlier saves move it without touching the bytes.
+    if (qint64(identity.inode) != m_sourceInode || identity.size != m_sourceSize ||
+        identity.modificationTime != m_sourceModificationTime)
+        return {};
+    return m_sourcePath;
 }
 
 QString HXFileWrapper::mimeType() const {
@@ -84,52 +110,104 @@ bool HXFileWrapper::hasSameContentsAs(const HXFileWrapper &other) const {
     return true;
 }
 
-bool HXFileWrapper::writeTreeToPath(const QString &path, HXError *error) const {
-    auto failed = [&](const QString &reason) {
+// A file of a new package: a hard link to its unchanged source, or written and synced.
+bool HXFileWrapper::writeNewFile(const QString &path, HXError *error) const {
+    const QByteArray name = QFile::encodeName(path);
+    const QString source = unchangedSourcePath();
+    if (!source.isEmpty() && ::link(QFile::encodeName(source).constData(), name.constData()) == 0)
+        return true;
+    auto failed = [&](int code) {
         HXSetError(error,
-                   HXError::fileError(HXFileWriteUnknownError, path,
-                                      QStringLiteral("The file “%1” couldn’t be saved.").arg(path),
-                                      reason));
+                   HXFileSystem::posixError(
+                       code, path, QStringLiteral("The file “%1” couldn’t be saved.").arg(path)));
         return false;
     };
-    if (!m_isDirectory) {
-        QSaveFile file(path);
-        if (!file.open(QIODevice::WriteOnly) || file.write(m_contents) != m_contents.size() ||
-            !file.commit())
-            return failed(file.errorString());
-        return true;
+    const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return failed(errno);
+    const char *bytes = m_contents.constData();
+    qint64 remaining = m_contents.size();
+    while (remaining > 0) {
+        const ssize_t written = ::write(fd, bytes, size_t(remaining));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0) {
+            const int code = written < 0 ? errno : ENOSPC;
+            ::close(fd);
+            return failed(code);
+        }
+        bytes += written;
+        remaining -= written;
     }
-    if (!QDir().mkpath(path))
-        return failed(QStringLiteral("The folder can’t be made."));
+    if (::fsync(fd) != 0) {
+        const int code = errno;
+        ::close(fd);
+        return failed(code);
+    }
+    if (::close(fd) != 0)
+        return failed(errno);
+    return true;
+}
+
+bool HXFileWrapper::writeTreeToPath(const QString &path, HXError *error) const {
+    if (!m_isDirectory)
+        return writeNewFile(path, error);
+    if (::mkdir(QFile::encodeName(path).constData(), 0755) != 0) {
+        HXSetError(error,
+                   HXFileSystem::posixError(
+                       errno, path, QStringLiteral("The folder “%1” couldn’t be made.").arg(path)));
+        return false;
+    }
     for (auto it = m_children.cbegin(); it != m_children.cend(); ++it) {
-        if (!it.value()->writeTreeToPath(QDir(path).filePath(it.key()), error))
+        if (!it.value()->writeTreeToPath(path + u'/' + it.key(), error))
             return false;
+    }
+    if (!HXFileSystem::syncItem(path)) {
+        HXSetError(error, HXFileSystem::posixError(
+                              errno, path,
+                              QStringLiteral("The folder “%1” couldn’t be saved.").arg(path)));
+        return false;
     }
     return true;
 }
 
-bool HXFileWrapper::writeToPath(const QString &path, HXError *error) const {
+bool HXFileWrapper::writeToPath(const QString &path, HXError *error, QString *backupPath) const {
+    if (backupPath)
+        backupPath->clear();
     if (!m_isDirectory)
-        return writeTreeToPath(path, error);
-    // A folder is written beside its place and renamed into it, so that a failure leaves the
-    // old one whole.
-    const QString beside = path + QStringLiteral(".writing");
-    QDir(beside).removeRecursively();
+        return HXFileSystem::writeFileAtomically(m_contents, path, error);
+
+    static const QString newTag = QStringLiteral("velmora-new");
+    // Whatever a writer that died left beside the package goes first; the caller holds the
+    // coordinated write, so no live writer is using these names.
+    HXFileSystem::removeStaleSiblings(path, newTag);
+    const QString beside = HXFileSystem::hiddenSiblingPath(path, newTag);
     if (!writeTreeToPath(beside, error)) {
-        QDir(beside).removeRecursively();
+        HXFileSystem::removeItem(beside, nullptr);
         return false;
     }
-    const QString old = path + QStringLiteral(".old");
-    QDir(old).removeRecursively();
-    const bool existed = QFileInfo::exists(path);
-    if ((existed && !QDir().rename(path, old)) || !QDir().rename(beside, path)) {
-        QDir(beside).removeRecursively();
-        HXSetError(error,
-                   HXError::fileError(HXFileWriteUnknownError, path,
-                                      QStringLiteral("The file “%1” couldn’t be saved.").arg(path),
-                                      QStringLiteral("It couldn’t be moved into place.")));
+    const HXFileIdentity old = HXFileIdentity::ofPath(path);
+    if (old.exists) {
+        // The package keeps its creation date across saves.
+        const QDateTime created = HXFileSystem::creationDate(path);
+        if (created.isValid())
+            HXFileSystem::setCreationDate(beside, created);
+        if (!HXFileSystem::exchangeItems(beside, path, error)) {
+            HXFileSystem::removeItem(beside, nullptr);
+            return false;
+        }
+        // `beside` now holds the old package.
+        HXFileSystem::syncParentFolder(path);
+        if (backupPath)
+            *backupPath = beside;
+        else
+            HXFileSystem::removeItem(beside, nullptr);
+        return true;
+    }
+    if (!HXFileSystem::moveItem(beside, path, false, error)) {
+        HXFileSystem::removeItem(beside, nullptr);
         return false;
     }
-    QDir(old).removeRecursively();
+    HXFileSystem::syncParentFolder(path);
     return true;
 }

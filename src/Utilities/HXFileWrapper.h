@@ -11,8 +11,12 @@
 
 // A file or a folder of files held in memory: an image in a sheet, a package being written. A
 // regular file has its contents; a directory its children by name. Written to disk atomically:
-// a file through a save file, a folder beside its place and then renamed into it. Immutable once
-// made, and so shared freely; any thread.
+// a file through a hidden sibling renamed over it; a folder (a package) as a hidden sibling that
+// is then exchanged with the old one in one step, so that at every moment the path holds either
+// the whole old package or the whole new one. Files and folders are synced before they take the
+// name. A file read from disk remembers where it came from, and is hard-linked rather than
+// copied into a new package while that file is unchanged. Immutable once made, and so shared
+// freely; any thread.
 class HXFileWrapper {
 public:
     static std::shared_ptr<HXFileWrapper> regularFileWithContents(const QByteArray &contents,
@@ -35,20 +39,28 @@ public:
     // Same kind, same contents, same children by name; names of the wrappers themselves aside.
     bool hasSameContentsAs(const HXFileWrapper &other) const;
 
-    bool writeToPath(const QString &path, HXError *error) const;
+    // Writes the file or package over whatever is at the path. With `backupPath` a replaced
+    // package is kept at the hidden path given there, for the caller to remove once the save is
+    // confirmed; without, it is removed at once. On failure the old item is untouched.
+    bool writeToPath(const QString &path, HXError *error, QString *backupPath = nullptr) const;
+    // The file on disk this wrapper was read from, when it still holds the same bytes.
+    QString unchangedSourcePath() const;
 
     HXFileWrapper() = default;
 
 private:
     bool writeTreeToPath(const QString &path, HXError *error) const;
+    bool writeNewFile(const QString &path, HXError *error) const;
 
     bool m_isDirectory = false;
     QString m_preferredFilename;
     QByteArray m_contents;
     QMap<QString, std::shared_ptr<HXFileWrapper>> m_children;
+    QString m_sourcePath;
+    qint64 m_sourceInode = 0;
+    qint64 m_sourceSize = 0;
+    qint64 m_sourceModificationTime = 0;
 };
-
-using HXFileWrapperRef = std::shared_ptr<HXFileWrapper>;
 
 using HXFileWrapperRef = std::shared_ptr<HXFileWrapper>;
 // A file may stand in a QVariant, as the value of a file attribute does.

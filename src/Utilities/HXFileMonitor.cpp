@@ -1,0 +1,564 @@
+#include "Utilities/HXFileMonitor.h"
+
+#include "Utilities/HXApplicationLog.h"
+#include "Utilities/HXFileCoordinator.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSocketNotifier>
+#include <QThread>
+
+#include <cerrno>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
+#include <mutex>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr quint32 watchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE |
+                              IN_MODIFY | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR |
+                              IN_EXCL_UNLINK;
+// How long a write of ours is remembered: the events it causes arrive well within this.
+constexpr qint64 ownWriteLifetime = 3000;
+// The most entries of a written folder that are remembered; beyond, changes inside count as
+// foreign.
+constexpr int ownWriteEntryLimit = 4096;
+
+// The state of the items that coordinated writes of this process left, by written path.
+struct OwnWrites {
+    std::mutex mutex;
+    struct Write {
+        QHash<QString, HXFileIdentity> items;
+        qint64 expiry = 0;
+    };
+    QHash<QString, Write> byPath;
+};
+
+OwnWrites &ownWrites() {
+    static OwnWrites writes;
+    return writes;
+}
+
+void snapshot(const QString &path, QHash<QString, HXFileIdentity> &items) {
+    const HXFileIdentity identity = HXFileIdentity::ofPath(path);
+    items.insert(path, identity);
+    if (!identity.isDirectory)
+        return;
+    QStringList folders{path};
+    while (!folders.isEmpty() && items.size() < ownWriteEntryLimit) {
+        const QString folder = folders.takeLast();
+        DIR *directory = ::opendir(QFile::encodeName(folder).constData());
+        if (!directory)
+            continue;
+        while (const dirent *entry = ::readdir(directory)) {
+            if (entry->d_name[0] == '.')
+                continue;
+            const QString child = folder + u'/' + QFile::decodeName(entry->d_name);
+            const HXFileIdentity childIdentity = HXFileIdentity::ofPath(child);
+            items.insert(child, childIdentity);
+            if (childIdentity.isDirectory)
+                folders.append(child);
+        }
+        ::closedir(directory);
+    }
+}
+
+bool isHidden(const QString &path) {
+    const qsizetype slash = path.lastIndexOf(u'/');
+    return slash + 1 < path.size() && path.at(slash + 1) == u'.';
+}
+
+HXFileMonitor *s_shared = nullptr;
+
+} // namespace
+
+HXFileMonitor *HXFileMonitor::shared() {
+    static std::once_flag once;
+    QCoreApplication *application = QCoreApplication::instance();
+    if (!application)
+        return nullptr;
+    std::call_once(once, [application] {
+        // Lives on the main thread, where its notifier and timers run; set up there without
+        // waiting for it, since the main thread may be waiting for the caller.
+        s_shared = new HXFileMonitor;
+        s_shared->moveToThread(application->thread());
+        QMetaObject::invokeMethod(s_shared, &HXFileMonitor::start, Qt::AutoConnection);
+        QObject::connect(application, &QObject::destroyed, [] {
+            delete s_shared;
+            s_shared = nullptr;
+        });
+    });
+    return s_shared;
+}
+
+void HXFileMonitor::start() {
+    m_inotify = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (m_inotify >= 0) {
+        m_notifier = new QSocketNotifier(m_inotify, QSocketNotifier::Read, this);
+        connect(m_notifier, &QSocketNotifier::activated, this, &HXFileMonitor::readEvents);
+    } else {
+        HXApplicationLog::sharedInstance()->logError(
+            u"File notifications are not available (%@); folders are polled instead.",
+            QString::fromLocal8Bit(strerror(errno)));
+    }
+    m_debounce = new QTimer(this);
+    m_debounce->setSingleShot(true);
+    m_debounce->setInterval(m_debounceInterval);
+    connect(m_debounce, &QTimer::timeout, this, &HXFileMonitor::settle);
+    m_poller = new QTimer(this);
+    m_poller->setInterval(m_pollInterval);
+    connect(m_poller, &QTimer::timeout, this, &HXFileMonitor::poll);
+    updateWatches();
+}
+
+HXFileMonitor::~HXFileMonitor() {
+    for (const int fd : std::as_const(m_presentedItems))
+        ::close(fd);
+    if (m_inotify >= 0)
+        ::close(m_inotify);
+}
+
+void HXFileMonitor::presentersChanged() {
+    HXFileMonitor *monitor = shared();
+    if (!monitor)
+        return;
+    if (QThread::currentThread() == monitor->thread())
+        monitor->updateWatches();
+    else
+        QMetaObject::invokeMethod(monitor, &HXFileMonitor::updateWatches, Qt::QueuedConnection);
+}
+
+void HXFileMonitor::noteOwnWrite(const QString &path) {
+    OwnWrites::Write write;
+    snapshot(path, write.items);
+    write.expiry = QDateTime::currentMSecsSinceEpoch() + ownWriteLifetime;
+    OwnWrites &writes = ownWrites();
+    std::lock_guard lock(writes.mutex);
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    for (auto it = writes.byPath.begin(); it != writes.byPath.end();)
+        it = it->expiry < now ? writes.byPath.erase(it) : std::next(it);
+    writes.byPath.insert(path, std::move(write));
+}
+
+void HXFileMonitor::setDebounceInterval(int milliseconds) {
+    m_debounceInterval = milliseconds;
+    if (m_debounce)
+        m_debounce->setInterval(milliseconds);
+}
+
+void HXFileMonitor::setPollInterval(int milliseconds) {
+    m_pollInterval = milliseconds;
+    if (m_poller)
+        m_poller->setInterval(milliseconds);
+}
+
+void HXFileMonitor::setWatchLimitForTesting(int limit) {
+    m_watchLimit = limit;
+    // Start over, so the limit holds for the folders watched already.
+    const QStringList folders = m_folders.keys();
+    for (const QString &folder : folders)
+        removeFolder(folder);
+    updateWatches();
+}
+
+void HXFileMonitor::dropEventsForTesting() {
+    char buffer[16 * 1024];
+    while (m_inotify >= 0 && ::read(m_inotify, buffer, sizeof buffer) > 0) {
+    }
+    m_touched.clear();
+    m_moves.clear();
+    m_movedFrom.clear();
+    m_rescanAll = true;
+    scheduleSettle();
+}
+
+int HXFileMonitor::polledFolderCount() const {
+    int count = 0;
+    for (const Folder &folder : m_folders)
+        count += folder.descriptor < 0;
+    return count;
+}
+
+// What is known of an entry of a folder. A folder's own change time moves whenever something is
+// added inside it; that is no change of the folder, so it isn't kept.
+HXFileMonitor::Entry HXFileMonitor::entryOf(const HXFileIdentity &identity) {
+    return Entry{identity.inode, identity.isDirectory ? 0 : identity.changeTime,
+                 identity.isDirectory};
+}
+
+// --- Watches -------------------------------------------------------------------------------------
+
+void HXFileMonitor::updateWatches() {
+    if (!m_debounce)
+        return; // not started yet; starting updates them
+    QSet<QString> wanted;
+    for (const auto &[presenter, path] : HXFileCoordinator::presentersWithPaths()) {
+        (void)presenter;
+        wanted.insert(QFileInfo(path).absolutePath());
+        if (!QFileInfo(path).isDir())
+            continue;
+        QStringList folders{path};
+        while (!folders.isEmpty()) {
+            const QString folder = folders.takeLast();
+            if (wanted.contains(folder))
+                continue;
+            wanted.insert(folder);
+            DIR *directory = ::opendir(QFile::encodeName(folder).constData());
+            if (!directory)
+                continue;
+            while (const dirent *entry = ::readdir(directory)) {
+                if (entry->d_name[0] == '.')
+                    continue;
+                const QString child = folder + u'/' + QFile::decodeName(entry->d_name);
+                if (entry->d_type == DT_DIR ||
+                    (entry->d_type == DT_UNKNOWN && QFileInfo(child).isDir()))
+                    folders.append(child);
+            }
+            ::closedir(directory);
+        }
+    }
+    const QStringList present = m_folders.keys();
+    for (const QString &folder : present) {
+        const Folder &state = m_folders.value(folder);
+        // A folder replaced by another under the same name needs a watch of its own.
+        const HXFileIdentity identity = HXFileIdentity::ofPath(folder);
+        if (!wanted.contains(folder) || !identity.exists || identity.inode != state.inode)
+            removeFolder(folder);
+    }
+    for (const QString &folder : std::as_const(wanted)) {
+        if (!m_folders.contains(folder) && QFileInfo(folder).isDir())
+            addFolder(folder);
+    }
+    rememberPresentedItems();
+    if (polledFolderCount() > 0) {
+        if (!m_poller->isActive())
+            m_poller->start();
+    } else {
+        m_poller->stop();
+    }
+}
+
+void HXFileMonitor::addFolder(const QString &path) {
+    forgetOwnWritesIn(path);
+    Folder folder;
+    folder.inode = HXFileIdentity::ofPath(path).inode;
+    if (m_inotify >= 0 && (m_watchLimit < 0 || m_byDescriptor.size() < m_watchLimit)) {
+        folder.descriptor =
+            ::inotify_add_watch(m_inotify, QFile::encodeName(path).constData(), watchMask);
+        if (folder.descriptor < 0 && errno == ENOSPC)
+            HXApplicationLog::sharedInstance()->logNotice(u"Out of file watches; %@ is polled.",
+                                                          path);
+    }
+    if (folder.descriptor >= 0) {
+        // A second path to a folder watched already shares its descriptor; keep one.
+        if (m_byDescriptor.contains(folder.descriptor))
+            m_folders.remove(m_byDescriptor.value(folder.descriptor));
+        m_byDescriptor.insert(folder.descriptor, path);
+    }
+    // Listed after the watch is in place, so nothing made in between goes unseen.
+    const QDir directory(path);
+    for (const QFileInfo &info :
+         directory.entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)) {
+        const HXFileIdentity identity = HXFileIdentity::ofPath(info.absoluteFilePath());
+        if (identity.exists)
+            folder.entries.insert(info.fileName(), entryOf(identity));
+    }
+    m_folders.insert(path, std::move(folder));
+}
+
+void HXFileMonitor::removeFolder(const QString &path) {
+    const Folder folder = m_folders.take(path);
+    if (folder.descriptor >= 0 && m_byDescriptor.value(folder.descriptor) == path) {
+        ::inotify_rm_watch(m_inotify, folder.descriptor);
+        m_byDescriptor.remove(folder.descriptor);
+    }
+}
+
+void HXFileMonitor::rememberPresentedItems() {
+    QHash<QString, int> items;
+    for (const auto &[presenter, path] : HXFileCoordinator::presentersWithPaths()) {
+        (void)presenter;
+        if (items.contains(path))
+            continue;
+        int fd = m_presentedItems.take(path);
+        const HXFileIdentity now = HXFileIdentity::ofPath(path);
+        struct stat status {};
+        if (fd > 0 && (::fstat(fd, &status) != 0 || status.st_ino != now.inode)) {
+            ::close(fd);
+            fd = 0;
+        }
+        if (fd <= 0 && now.exists)
+            fd = ::open(QFile::encodeName(path).constData(), O_PATH | O_CLOEXEC | O_NOFOLLOW);
+        if (fd > 0)
+            items.insert(path, fd);
+    }
+    for (const int fd : std::as_const(m_presentedItems))
+        ::close(fd);
+    m_presentedItems = items;
+}
+
+// Where a presented item went that is no longer at its path: the kernel knows the path of an
+// open descriptor, as long as the item still exists.
+QString HXFileMonitor::movedLocationOfPresentedItem(const QString &path) {
+    const int fd = m_presentedItems.value(path);
+    if (fd <= 0)
+        return {};
+    char target[PATH_MAX];
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(fd);
+    const ssize_t length = ::readlink(link.constData(), target, sizeof target - 1);
+    if (length <= 0)
+        return {};
+    const QString moved = QFile::decodeName(QByteArray(target, length));
+    if (moved.endsWith(QStringLiteral(" (deleted)")) || moved == path)
+        return {};
+    struct stat status {};
+    if (::fstat(fd, &status) != 0 || status.st_nlink == 0)
+        return {};
+    return moved;
+}
+
+// --- Events --------------------------------------------------------------------------------------
+
+void HXFileMonitor::readEvents() {
+    alignas(inotify_event) char buffer[64 * 1024];
+    for (;;) {
+        const ssize_t length = ::read(m_inotify, buffer, sizeof buffer);
+        if (length <= 0)
+            break;
+        for (ssize_t offset = 0; offset < length;) {
+            const auto *event = reinterpret_cast<const inotify_event *>(buffer + offset);
+            offset += sizeof(inotify_event) + event->len;
+            if (event->mask & IN_Q_OVERFLOW) {
+                m_rescanAll = true;
+                continue;
+            }
+            const auto folder = m_byDescriptor.constFind(event->wd);
+            if (folder == m_byDescriptor.cend())
+                continue;
+            const QString folderPath = *folder;
+            if (event->mask & (IN_IGNORED | IN_MOVE_SELF | IN_DELETE_SELF)) {
+                // The folder went; its name is reported by the folder above, and a folder that
+                // comes in its place gets a watch of its own when the events settle.
+                if (event->mask & IN_IGNORED || event->mask & IN_MOVE_SELF) {
+                    if (!(event->mask & IN_IGNORED))
+                        ::inotify_rm_watch(m_inotify, event->wd);
+                    m_byDescriptor.remove(event->wd);
+                    if (m_folders.contains(folderPath))
+                        m_folders[folderPath].descriptor = -1;
+                }
+                noteTouched(folderPath);
+                continue;
+            }
+            if (event->len == 0)
+                continue;
+            const QString path = folderPath + u'/' + QFile::decodeName(event->name);
+            if (event->mask & IN_MOVED_FROM)
+                m_movedFrom.insert(event->cookie, path);
+            if ((event->mask & IN_MOVED_TO) && m_movedFrom.contains(event->cookie)) {
+                const QString from = m_movedFrom.take(event->cookie);
+                if (!isHidden(from) && !isHidden(path))
+                    m_moves.append({from, path});
+            }
+            if (!isHidden(path))
+                noteTouched(path);
+        }
+    }
+    if (m_rescanAll)
+        scheduleSettle();
+}
+
+void HXFileMonitor::noteTouched(const QString &path) {
+    m_touched.insert(path);
+    scheduleSettle();
+}
+
+void HXFileMonitor::scheduleSettle() {
+    // Not restarted by later events: a change reaches its presenters at most one interval late.
+    if (!m_debounce->isActive())
+        m_debounce->start();
+}
+
+void HXFileMonitor::poll() {
+    const QStringList folders = m_folders.keys();
+    for (const QString &folder : folders) {
+        if (m_folders.value(folder).descriptor < 0)
+            rescan(folder);
+    }
+    if (!m_touched.isEmpty())
+        settle();
+}
+
+void HXFileMonitor::rescan(const QString &path) {
+    const auto found = m_folders.constFind(path);
+    if (found == m_folders.cend())
+        return;
+    const QHash<QString, Entry> known = found->entries;
+    QSet<QString> seen;
+    const QDir directory(path);
+    for (const QString &name :
+         directory.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)) {
+        seen.insert(name);
+        const HXFileIdentity identity = HXFileIdentity::ofPath(directory.filePath(name));
+        if (!known.contains(name) || known.value(name) != entryOf(identity))
+            m_touched.insert(directory.filePath(name));
+    }
+    for (auto it = known.cbegin(); it != known.cend(); ++it) {
+        if (!seen.contains(it.key()))
+            m_touched.insert(directory.filePath(it.key()));
+    }
+}
+
+bool HXFileMonitor::isOwnWrite(const QString &path, const HXFileIdentity &identity) {
+    OwnWrites &writes = ownWrites();
+    std::lock_guard lock(writes.mutex);
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    for (auto it = writes.byPath.begin(); it != writes.byPath.end(); ++it) {
+        if (it->expiry < now || !HXFileCoordinator::isAncestorOrSelf(it.key(), path))
+            continue;
+        QHash<QString, HXFileIdentity> &items = it->items;
+        const auto item = items.find(path);
+        if (item == items.end())
+            // Not there when the write ended, and still not there: a name the write used on the
+            // way.
+            return !identity.exists;
+        if (*item == identity)
+            return true;
+        // Changed since by someone else: from now on the path's changes are not ours.
+        items.erase(item);
+        return false;
+    }
+    return false;
+}
+
+// Writes remembered for a folder that was not watched since can't be told from what others did
+// meanwhile.
+void HXFileMonitor::forgetOwnWritesIn(const QString &folder) {
+    OwnWrites &writes = ownWrites();
+    std::lock_guard lock(writes.mutex);
+    for (auto it = writes.byPath.begin(); it != writes.byPath.end();) {
+        if (HXFileCoordinator::isAncestorOrSelf(folder, it.key()))
+            it = writes.byPath.erase(it);
+        else
+            ++it;
+    }
+}
+
+void HXFileMonitor::settle() {
+    if (m_rescanAll) {
+        m_rescanAll = false;
+        m_moves.clear();
+        const QStringList folders = m_folders.keys();
+        for (const QString &folder : folders)
+            rescan(folder);
+    }
+    // A write of ours still under way settles when it is done.
+    for (const QString &path : std::as_const(m_touched)) {
+        if (HXFileCoordinator::isBeingWritten(path)) {
+            m_debounce->start();
+            return;
+        }
+    }
+
+    struct Settled {
+        HXFileCoordinator::Change change;
+        QString path;
+        QString newPath;
+    };
+    QList<Settled> changes;
+    auto knownEntry = [&](const QString &path, Entry *entry) {
+        const auto folder = m_folders.constFind(QFileInfo(path).absolutePath());
+        if (folder == m_folders.cend())
+            return false;
+        const auto found = folder->entries.constFind(QFileInfo(path).fileName());
+        if (found == folder->entries.cend())
+            return false;
+        if (entry)
+            *entry = *found;
+        return true;
+    };
+    auto record = [&](const QString &path, const HXFileIdentity &identity) {
+        auto folder = m_folders.find(QFileInfo(path).absolutePath());
+        if (folder == m_folders.end())
+            return;
+        if (identity.exists)
+            folder->entries.insert(QFileInfo(path).fileName(), entryOf(identity));
+        else
+            folder->entries.remove(QFileInfo(path).fileName());
+    };
+
+    QSet<QString> touched = m_touched;
+    m_touched.clear();
+    const QList<QPair<QString, QString>> moves = m_moves;
+    m_moves.clear();
+    m_movedFrom.clear();
+    bool foldersChanged = false;
+
+    for (const auto &[from, to] : moves) {
+        const HXFileIdentity source = HXFileIdentity::ofPath(from);
+        const HXFileIdentity target = HXFileIdentity::ofPath(to);
+        // A name made and renamed within one settling is no move; neither is a move whose
+        // source came back: both settle below as plain changes.
+        if (source.exists || !target.exists || !knownEntry(from, nullptr))
+            continue;
+        touched.remove(from);
+        touched.remove(to);
+        record(from, source);
+        record(to, target);
+        foldersChanged |= target.isDirectory;
+        if (isOwnWrite(from, source) && isOwnWrite(to, target))
+            continue;
+        changes.append({HXFileCoordinator::Change::Moved, from, to});
+    }
+    QStringList paths(touched.cbegin(), touched.cend());
+    paths.sort();
+    for (const QString &path : std::as_const(paths)) {
+        const HXFileIdentity identity = HXFileIdentity::ofPath(path);
+        Entry known;
+        const bool wasKnown = knownEntry(path, &known);
+        record(path, identity);
+        if (identity.isDirectory || (wasKnown && known.isDirectory))
+            foldersChanged = true;
+        if (isOwnWrite(path, identity))
+            continue;
+        if (identity.exists && wasKnown) {
+            changes.append({HXFileCoordinator::Change::Changed, path, {}});
+        } else if (identity.exists) {
+            changes.append({HXFileCoordinator::Change::Appeared, path, {}});
+        } else if (wasKnown) {
+            const QString moved = movedLocationOfPresentedItem(path);
+            if (!moved.isEmpty())
+                changes.append({HXFileCoordinator::Change::Moved, path, moved});
+            else
+                changes.append({HXFileCoordinator::Change::Deleted, path, {}});
+        }
+    }
+
+    // What happened inside an item that went away is part of its going.
+    QStringList gone;
+    for (const Settled &settled : std::as_const(changes)) {
+        if (settled.change == HXFileCoordinator::Change::Deleted ||
+            settled.change == HXFileCoordinator::Change::Moved)
+            gone.append(settled.path);
+    }
+    changes.removeIf([&](const Settled &settled) {
+        return std::any_of(gone.cbegin(), gone.cend(), [&](const QString &path) {
+            return path != settled.path && HXFileCoordinator::isAncestorOrSelf(path, settled.path);
+        });
+    });
+    QSet<QString> sent;
+    for (const Settled &settled : std::as_const(changes)) {
+        if (settled.change == HXFileCoordinator::Change::Moved)
+            HXFileCoordinator::rebasePresenters(settled.path, settled.newPath);
+        HXFileCoordinator::announceChange(settled.change, settled.path, settled.newPath, nullptr,
+                                          false, &sent);
+    }
+    if (foldersChanged || !changes.isEmpty())
+        updateWatches();
+}
