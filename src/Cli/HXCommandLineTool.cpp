@@ -1,5 +1,6 @@
 #include "Cli/HXCommandLineTool.h"
 
+#include "Model/Stores/HXMarkupStore.h"
 #include "Text/Markup/HXMarkup.h"
 #include "Text/String/Access/HXAtomicString.h"
 #include "Text/String/Access/HXStringXML.h"
@@ -44,6 +45,11 @@ int plistCommand(const QStringList &arguments) {
 std::shared_ptr<HXMarkup> markupNamed(const QString &name, QString *failure) {
     if (const auto builtIn = HXMarkup::intrinsicMarkups().value(name))
         return builtIn;
+    // A user markup of the store, by identifier.
+    if (!name.contains(u'/') && !name.contains(u'.')) {
+        if (const auto stored = HXMarkupStore::create()->markupWithIdentifier(name))
+            return stored;
+    }
     if (!QFile::exists(name)) {
         *failure = QStringLiteral("unknown markup '%1'").arg(name);
         return nullptr;
@@ -158,12 +164,58 @@ bool runEditScript(const QString &scriptPath, const QByteArray &script, HXAtomic
     return true;
 }
 
+// velmora-cli string convert --markup M --to M2 [FILE]: the string of the XML, under M, copied
+// into an empty string of M2 and written as XML; what the copy loses goes to standard error.
+int convertStringCommand(const QStringList &arguments) {
+    QString markupName, targetName, path;
+    for (qsizetype i = 0; i < arguments.size(); ++i) {
+        const QString &argument = arguments.at(i);
+        const bool hasValue = i + 1 < arguments.size();
+        if (argument == u"--markup" && hasValue)
+            markupName = arguments.at(++i);
+        else if (argument == u"--to" && hasValue)
+            targetName = arguments.at(++i);
+        else if (path.isNull() && (!argument.startsWith(u'-') || argument == u"-"))
+            path = argument;
+        else
+            return HXCommandLineTool::fail(
+                QStringLiteral("string: unexpected argument '%1'").arg(argument));
+    }
+    if (markupName.isEmpty() || targetName.isEmpty())
+        return HXCommandLineTool::fail(QStringLiteral("string: --markup and --to are required"));
+    QString failure;
+    const auto markup = markupNamed(markupName, &failure);
+    const auto targetMarkup = markup ? markupNamed(targetName, &failure) : nullptr;
+    QByteArray bytes;
+    if (!targetMarkup || !HXCommandLineTool::readInput(path, &bytes, &failure))
+        return HXCommandLineTool::fail(failure);
+    HXError error;
+    const auto source =
+        HXStringXML::stringWithXMLData(bytes, markup, HXDefaultDefinitionSelector, &error);
+    if (!source)
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: %2").arg(inputName(path), readerFailure(error)));
+    const auto target = HXMutableString::stringWithMarkup(targetMarkup);
+    QStringList losses = source->lossDescriptionsForCopyingToString(*target).values();
+    losses.sort();
+    source->copyToString(*target);
+    HXCommandLineTool::writeOutput(HXStringXML::XMLData(*target));
+    for (const QString &loss : std::as_const(losses)) {
+        const QByteArray line = "loss: " + loss.toUtf8() + '\n';
+        std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
+    }
+    std::fflush(stderr);
+    return 0;
+}
+
 // velmora-cli string parse|text|edit --markup M [--definitions N] [--script SCRIPT] [FILE]
 int stringCommand(const QStringList &arguments) {
     const QString verb = arguments.value(0);
+    if (verb == u"convert")
+        return convertStringCommand(arguments.mid(1));
     if (verb != u"parse" && verb != u"text" && verb != u"edit")
-        return HXCommandLineTool::fail(
-            QStringLiteral("string: expected 'parse', 'text' or 'edit', see velmora-cli --help"));
+        return HXCommandLineTool::fail(QStringLiteral(
+            "string: expected 'parse', 'text', 'edit' or 'convert', see velmora-cli --help"));
     QString markupName, path, scriptPath;
     HXDefinitionSelector definitions = HXDefaultDefinitionSelector;
     for (qsizetype i = 1; i < arguments.size(); ++i) {
@@ -249,16 +301,28 @@ HXCommandLineTool::HXCommandLineTool() {
         {QStringLiteral("string"),
          QStringLiteral("string parse --markup M [--definitions N] [FILE]\n"
                         "  string text --markup M [FILE]\n"
-                        "  string edit --markup M [--definitions N] --script SCRIPT [FILE]"),
+                        "  string edit --markup M [--definitions N] --script SCRIPT [FILE]\n"
+                        "  string convert --markup M --to M2 [FILE]"),
          QStringLiteral("Parses UTF-8 text under markup M (a built-in identifier such as "
                         "markdownqr, or a markup.xml) and writes the string as XML; 'text' reads "
                         "such XML and writes its characters; 'edit' runs the lines of SCRIPT "
                         "(replace LOCATION LENGTH \"JSON text\", undo, redo, break) against the "
-                        "parsed text and writes the result as XML. N is the definition selector "
-                        "(default 63)."),
+                        "parsed text and writes the result as XML; 'convert' reads such XML "
+                        "under M, copies it into markup M2, writes that as XML and each "
+                        "definition the copy loses as 'loss: IDENTIFIER' on standard error. N is "
+                        "the definition selector (default 63)."),
          stringCommand});
     m_commands.append({QStringLiteral("markup"), QStringLiteral("markup show M"),
                        QStringLiteral("Writes markup M as markup.xml."), markupCommand});
+    m_commands.append(
+        {QStringLiteral("markups"),
+         QStringLiteral("markups list [--json]\n  markups add FILE\n  markups remove ID\n"
+                        "  markups reset ID"),
+         QStringLiteral("The markup store: lists every markup (identifier, display name, built-in "
+                        "or user, enabled); adds a markup.xml, a package folder holding one or a "
+                        "ZIP archive of it and prints its new identifier; removes a user markup; "
+                        "resets a built-in one to its initial state."),
+         HXMarkupsCommand});
 }
 
 int HXCommandLineTool::run(const QStringList &arguments) {

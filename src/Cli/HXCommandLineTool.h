@@ -37,3 +37,6 @@ private:
 
     QList<Command> m_commands;
 };
+
+// velmora-cli markups …: the user's markup store.
+int HXMarkupsCommand(const QStringList &arguments);

@@ -385,10 +385,13 @@ void HXFileCoordinator::removeCoordinationRoot(const QString &path) {
     reg.roots.removeOne(standardizedPath(path));
 }
 
-void HXFileCoordinator::setPackagePathExtensions(const QStringList &extensions) {
+void HXFileCoordinator::addPackagePathExtensions(const QStringList &extensions) {
     Registry &reg = registry();
     std::lock_guard lock(reg.mutex);
-    reg.packageExtensions = extensions;
+    for (const QString &extension : extensions) {
+        if (!reg.packageExtensions.contains(extension, Qt::CaseInsensitive))
+            reg.packageExtensions.append(extension);
+    }
 }
 
 bool HXFileCoordinator::isPackagePath(const QString &path) {

@@ -66,7 +66,7 @@ public:
     static void addCoordinationRoot(const QString &path);
     static void removeCoordinationRoot(const QString &path);
     // Folders with these path extensions are packages: one item to the presenters above them.
-    static void setPackagePathExtensions(const QStringList &extensions);
+    static void addPackagePathExtensions(const QStringList &extensions);
     static bool isPackagePath(const QString &path);
     // The outermost package that holds the path and lies strictly below the folder; the path
     // itself when there is none.

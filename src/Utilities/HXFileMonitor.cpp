@@ -437,6 +437,19 @@ bool HXFileMonitor::isOwnWrite(const QString &path, const HXFileIdentity &identi
     return false;
 }
 
+// Whether a write of ours left the item there: then it counts as known even before the events of
+// that write have settled.
+bool HXFileMonitor::ownWriteLeftItem(const QString &path) {
+    OwnWrites &writes = ownWrites();
+    std::lock_guard lock(writes.mutex);
+    for (auto it = writes.byPath.cbegin(); it != writes.byPath.cend(); ++it) {
+        const auto item = it->items.constFind(path);
+        if (item != it->items.cend() && item->exists)
+            return true;
+    }
+    return false;
+}
+
 // Writes remembered for a folder that was not watched since can't be told from what others did
 // meanwhile.
 void HXFileMonitor::forgetOwnWritesIn(const QString &folder) {
@@ -521,7 +534,7 @@ void HXFileMonitor::settle() {
     for (const QString &path : std::as_const(paths)) {
         const HXFileIdentity identity = HXFileIdentity::ofPath(path);
         Entry known;
-        const bool wasKnown = knownEntry(path, &known);
+        const bool wasKnown = knownEntry(path, &known) || ownWriteLeftItem(path);
         record(path, identity);
         if (identity.isDirectory || (wasKnown && known.isDirectory))
             foldersChanged = true;

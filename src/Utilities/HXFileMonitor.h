@@ -79,6 +79,7 @@ private:
     void rescan(const QString &path);
     bool isOwnWrite(const QString &path, const HXFileIdentity &identity);
     static void forgetOwnWritesIn(const QString &folder);
+    static bool ownWriteLeftItem(const QString &path);
     void rememberPresentedItems();
     QString movedLocationOfPresentedItem(const QString &path);
 

@@ -159,7 +159,7 @@ class tst_HXFileServices : public QObject {
 
 private slots:
     void initTestCase() {
-        HXFileCoordinator::setPackagePathExtensions({u"pkg"_s});
+        HXFileCoordinator::addPackagePathExtensions({u"pkg"_s});
         HXFileCoordinator::setPresenterTimeout(2000);
         QVERIFY(HXFileMonitor::shared());
         QCoreApplication::processEvents();

@@ -10,15 +10,19 @@ std::mutex providerMutex;
 std::function<QString(const QString &)> provider;
 
 QString defaultPreferredPattern(const QString &identifier) {
+    return HXDefaultPreferredPatterns().value(identifier).toString();
+}
+
+} // namespace
+
+const QVariantMap &HXDefaultPreferredPatterns() {
     static const QVariantMap defaults = [] {
         return HXPropertyList::readFile(QStringLiteral(":/Defaults/HXPatternDefaults.plist"),
                                         nullptr)
             .toMap();
     }();
-    return defaults.value(identifier).toString();
+    return defaults;
 }
-
-} // namespace
 
 QString HXPreferredPatternForDefinition(const QString &identifier) {
     std::function<QString(const QString &)> lookup;

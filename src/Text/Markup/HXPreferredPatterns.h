@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QVariantMap>
 
 #include <functional>
 
@@ -15,3 +16,6 @@ QString HXPreferredPatternForDefinition(const QString &identifier);
 
 // Replaces the lookup; an empty function restores the bundled defaults.
 void HXSetPreferredPatternProvider(std::function<QString(const QString &identifier)> provider);
+
+// The bundled pattern defaults, by definition identifier.
+const QVariantMap &HXDefaultPreferredPatterns();

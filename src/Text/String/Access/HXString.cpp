@@ -1,7 +1,8 @@
 #include "Text/String/Access/HXString.h"
 
 #include "Text/Markup/HXMarkup.h"
-#include "Text/String/Access/HXMutableString.h"
+#include "Text/String/Access/HXAtomicString.h"
+#include "Text/String/Atoms/HXTextAtom.h"
 #include "Text/String/Parser/HXTextParser.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXDescription.h"
@@ -575,20 +576,99 @@ QString HXString::previewStringFromRange(HXRange range, quint64 maximumLength) c
     return preview;
 }
 
-void HXString::copyToString(HXMutableString &target) const {
-    const std::shared_ptr<HXString> source = copy();
-    target.appendString(HXReplacement(source));
+// --- Copying into another string ------------------------------------------------------------
+
+HXRange HXString::sourceRangeForCopyingToString(const HXString &, bool) const {
+    return HXRange{0, length()};
+}
+
+QString HXString::separatorForAppendingToString(const HXString &target) const {
+    const bool targetEndsInLineFeed = target.reading([&] {
+        const quint64 end = target.HXChunkString::length();
+        return end > 0 && target.HXChunkString::characterAtIndex(end - 1) == QLatin1Char('\n');
+    });
+    const bool sourceStartsWithLineFeed = reading([&] {
+        const HXRange source = sourceRangeForCopyingToString(target, true);
+        return source.length > 0 &&
+               HXChunkString::characterAtIndex(source.location) == QLatin1Char('\n');
+    });
+    return targetEndsInLineFeed || sourceStartsWithLineFeed ? QString() : QStringLiteral("\n");
+}
+
+void HXString::copyToString(HXMutableString &target, int options) const {
+    const bool appending = options & HXStringCopyAppending;
+    // The text is taken under this string's lock and put in under the target's, one after the
+    // other: two strings copying into each other on two threads can't wait for each other.
+    const std::shared_ptr<HXString> source =
+        reading([&] { return stringWithRange(sourceRangeForCopyingToString(target, appending)); });
+    target.writing([&] {
+        const quint64 end = target.HXChunkString::length();
+        if (!appending || end == 0) {
+            target.replaceCharactersInRange(HXRange{0, end}, HXReplacement(source));
+            return;
+        }
+        if (options & HXStringCopyInsertSeparator) {
+            if (const QString separator = source->separatorForAppendingToString(target);
+                !separator.isEmpty())
+                target.replaceCharactersInRange(HXRange{end, 0}, HXReplacement(separator));
+        }
+        target.replaceCharactersInRange(HXRange{target.HXChunkString::length(), 0},
+                                        HXReplacement(source));
+    });
 }
 
 void HXString::appendToString(HXMutableString &target, bool insertSeparator) const {
-    const std::shared_ptr<HXString> source = copy();
-    target.writing([&] {
-        const quint64 end = target.HXChunkString::length();
-        if (insertSeparator && end > 0 &&
-            target.HXChunkString::characterAtIndex(end - 1) != QLatin1Char('\n'))
-            target.replaceCharactersInRange(HXRange{end, 0}, QStringLiteral("\n"));
-        target.appendString(HXReplacement(source));
+    copyToString(target,
+                 HXStringCopyAppending | (insertSeparator ? HXStringCopyInsertSeparator : 0));
+}
+
+QSet<QString> HXString::lossDescriptionsForCopyingToString(const HXString &target) const {
+    const std::shared_ptr<HXMarkup> targetMarkup = target.markup();
+    const HXDefinitionSelector selector =
+        target.definitionSelectorForInsertingInRange(HXRange{0, 0});
+    QSet<QString> allowed;
+    if (targetMarkup) {
+        for (const HXTextTagRef &tag : targetMarkup->tagsForSelector(selector))
+            allowed.insert(tag->definition()->identifier());
+    }
+    // Nested strings go where nested strings of the target's elements would.
+    std::shared_ptr<HXString> nestedTarget;
+    QSet<QString> losses;
+    auto isLost = [&](const HXDefinitionRef &definition) {
+        if (!definition || allowed.contains(definition->identifier()))
+            return false;
+        losses.insert(definition->identifier());
+        return true;
+    };
+    reading([&] {
+        const HXRange range = sourceRangeForCopyingToString(target, false);
+        // The tags of paragraph prefixes and of elements, as their atoms show them.
+        enumerateStringsAndAtomsInRange(
+            range, [&](const HXChunk &piece, bool, quint64, quint64, const HXOpenTags &, bool &) {
+                if (const HXTextAtom *atom = piece.as<HXTextAtom>(); atom && atom->tag())
+                    isLost(atom->tag()->definition());
+            });
+        // Every element, with a tag or without, and the values of those that stay.
+        enumerateElementsInRange(
+            range, HXSelectorAllScopes, [&](const HXTextElementRef &element, HXRange, bool &) {
+                if (isLost(element->definition()) || !element->attributes())
+                    return;
+                const HXAttributeDictionary &attributes = *element->attributes();
+                for (const QString &key : attributes.sortedKeys()) {
+                    const HXTagAttributeRef attribute = attributes.attributeForKey(key);
+                    if (attribute->isFile()) {
+                        if ((selector & HXSelectorNoMedia) && attributes.fileWrapperForKey(key))
+                            losses.insert(element->definition()->identifier());
+                    } else if (const auto nested = attributes.existingNestedStringForKey(key)) {
+                        if (!nestedTarget)
+                            nestedTarget = std::make_shared<HXString>(
+                                targetMarkup, target.recognizedDefinitions());
+                        losses.unite(nested->lossDescriptionsForCopyingToString(*nestedTarget));
+                    }
+                }
+            });
     });
+    return losses;
 }
 
 // --- Editing --------------------------------------------------------------------------------

@@ -7,6 +7,7 @@
 #include "Text/String/Nodes/HXTextElement.h"
 
 #include <QMap>
+#include <QSet>
 #include <QVariantMap>
 
 #include <optional>
@@ -14,6 +15,13 @@
 
 class HXMarkup;
 class HXMutableString;
+
+// Options of copying a string into another: behind its text rather than in its place, and with a
+// separator between the two.
+enum HXStringCopyOptions : int {
+    HXStringCopyAppending = 1,
+    HXStringCopyInsertSeparator = 2,
+};
 
 // Options of paragraph enumeration: the block may change the string through its editing
 // operation.
@@ -132,9 +140,22 @@ public:
     QString countableStringFromRange(HXRange range) const;
     // A short plain preview of the range.
     QString previewStringFromRange(HXRange range, quint64 maximumLength) const;
-    // Copies all the text into another string, in its markup, at its end.
-    void copyToString(HXMutableString &target) const;
+
+    // --- Copying into another string ---------------------------------------------------------
+    // Puts the text of the source range into the target with its structure, brought into the
+    // target's markup and recognized definitions: in place of the target's text, or, appending,
+    // behind it, after a separator if one is asked for. An empty target is always replaced.
+    void copyToString(HXMutableString &target, int options = 0) const;
+    // Copying with the appending option, and the separator if asked for.
     void appendToString(HXMutableString &target, bool insertSeparator) const;
+    // What of this string a copy takes: all of it here.
+    virtual HXRange sourceRangeForCopyingToString(const HXString &target, bool isAppending) const;
+    // A line feed, or nothing where the target ends in one or the copied text starts with one.
+    QString separatorForAppendingToString(const HXString &target) const;
+    // The identifiers of the definitions of the source range that don't survive a copy into the
+    // target: those it has no tag for under its selector, files where it takes no media, and
+    // what the nested strings of the elements it keeps would lose.
+    QSet<QString> lossDescriptionsForCopyingToString(const HXString &target) const;
 
     // --- Editing: only mutable strings -------------------------------------------------------
     virtual bool isMutable() const { return false; }
