@@ -399,7 +399,7 @@ private slots:
 
     // A writer killed at any moment leaves every package and file wholly old or wholly new.
     void killedWriterLeavesWholeItems() {
-        const int rounds = qEnvironmentVariableIsSet("VELMORA_STRESS") ? 400 : 40;
+        const int rounds = qEnvironmentVariableIsSet("VELMORA_STRESS") ? 2000 : 200;
         const QString folder = m_folder.filePath(u"crash"_s);
         QDir().mkpath(folder);
         QProcess first;
