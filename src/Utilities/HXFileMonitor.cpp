@@ -15,6 +15,7 @@
 #include <climits>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <mutex>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -46,28 +47,42 @@ OwnWrites &ownWrites() {
     return writes;
 }
 
+// Walks a folder and everything below it, hidden names aside, without recursion. The visitor
+// gets each folder before its entries and says whether to go on (false ends the walk); `entry`
+// gets every entry and says whether it is a folder to walk into.
+void walk(const QString &root, const std::function<bool(const QString &)> &visitFolder,
+          const std::function<bool(const QString &, const dirent &)> &entry) {
+    QStringList folders{root};
+    while (!folders.isEmpty()) {
+        const QString folder = folders.takeLast();
+        if (!visitFolder(folder))
+            return;
+        DIR *directory = ::opendir(QFile::encodeName(folder).constData());
+        if (!directory)
+            continue;
+        while (const dirent *item = ::readdir(directory)) {
+            if (item->d_name[0] == '.')
+                continue;
+            const QString child = folder + u'/' + QFile::decodeName(item->d_name);
+            if (entry(child, *item))
+                folders.append(child);
+        }
+        ::closedir(directory);
+    }
+}
+
 void snapshot(const QString &path, QHash<QString, HXFileIdentity> &items) {
     const HXFileIdentity identity = HXFileIdentity::ofPath(path);
     items.insert(path, identity);
     if (!identity.isDirectory)
         return;
-    QStringList folders{path};
-    while (!folders.isEmpty() && items.size() < ownWriteEntryLimit) {
-        const QString folder = folders.takeLast();
-        DIR *directory = ::opendir(QFile::encodeName(folder).constData());
-        if (!directory)
-            continue;
-        while (const dirent *entry = ::readdir(directory)) {
-            if (entry->d_name[0] == '.')
-                continue;
-            const QString child = folder + u'/' + QFile::decodeName(entry->d_name);
+    walk(
+        path, [&](const QString &) { return items.size() < ownWriteEntryLimit; },
+        [&](const QString &child, const dirent &) {
             const HXFileIdentity childIdentity = HXFileIdentity::ofPath(child);
             items.insert(child, childIdentity);
-            if (childIdentity.isDirectory)
-                folders.append(child);
-        }
-        ::closedir(directory);
-    }
+            return childIdentity.isDirectory;
+        });
 }
 
 bool isHidden(const QString &path) {
@@ -204,25 +219,17 @@ void HXFileMonitor::updateWatches() {
         wanted.insert(QFileInfo(path).absolutePath());
         if (!QFileInfo(path).isDir())
             continue;
-        QStringList folders{path};
-        while (!folders.isEmpty()) {
-            const QString folder = folders.takeLast();
-            if (wanted.contains(folder))
-                continue;
-            wanted.insert(folder);
-            DIR *directory = ::opendir(QFile::encodeName(folder).constData());
-            if (!directory)
-                continue;
-            while (const dirent *entry = ::readdir(directory)) {
-                if (entry->d_name[0] == '.')
-                    continue;
-                const QString child = folder + u'/' + QFile::decodeName(entry->d_name);
-                if (entry->d_type == DT_DIR ||
-                    (entry->d_type == DT_UNKNOWN && QFileInfo(child).isDir()))
-                    folders.append(child);
-            }
-            ::closedir(directory);
-        }
+        walk(
+            path,
+            [&](const QString &folder) {
+                wanted.insert(folder);
+                return true;
+            },
+            [&](const QString &child, const dirent &entry) {
+                return !wanted.contains(child) &&
+                       (entry.d_type == DT_DIR ||
+                        (entry.d_type == DT_UNKNOWN && QFileInfo(child).isDir()));
+            });
     }
     const QStringList present = m_folders.keys();
     for (const QString &folder : present) {

@@ -87,13 +87,9 @@ HXError HXFileSystem::posixError(int code, const QString &path, const QString &d
                            QVariant::fromValue(HXError(HXPOSIXErrorDomain, code)));
 }
 
-bool HXFileSystem::writeFileAtomically(const QByteArray &data, const QString &path,
-                                       HXError *error) {
-    // Like a save file, but under a hidden name, so that presenters and sync clients never see
-    // the half-written file, and synced before it takes the name, so that a crash right after
-    // the rename can't leave an empty file under it.
-    const QString temporary = hiddenSiblingPath(path, QStringLiteral("velmora-tmp"));
-    const QByteArray name = encoded(temporary);
+bool HXFileSystem::writeNewFile(const QByteArray &data, const QString &path, mode_t mode,
+                                HXError *error) {
+    const QByteArray name = encoded(path);
     auto failed = [&](int code, int fd) {
         if (fd >= 0)
             ::close(fd);
@@ -102,12 +98,13 @@ bool HXFileSystem::writeFileAtomically(const QByteArray &data, const QString &pa
                                      QStringLiteral("The file “%1” couldn’t be saved.").arg(path)));
         return false;
     };
-    struct stat old {};
-    const mode_t mode = ::stat(encoded(path).constData(), &old) == 0 ? old.st_mode & 07777 : 0644;
     const int fd = retrying(
         [&] { return ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode); });
-    if (fd < 0)
-        return failed(errno, -1);
+    if (fd < 0) {
+        HXSetError(error, posixError(errno, path,
+                                     QStringLiteral("The file “%1” couldn’t be saved.").arg(path)));
+        return false;
+    }
     ::fchmod(fd, mode); // not narrowed by the umask
     const char *bytes = data.constData();
     qint64 remaining = data.size();
@@ -124,8 +121,33 @@ bool HXFileSystem::writeFileAtomically(const QByteArray &data, const QString &pa
         return failed(errno, fd);
     if (::close(fd) != 0)
         return failed(errno, -1);
-    if (::rename(name.constData(), encoded(path).constData()) != 0)
-        return failed(errno, -1);
+    return true;
+}
+
+bool HXFileSystem::writeFileAtomically(const QByteArray &data, const QString &path,
+                                       HXError *error) {
+    // Like a save file, but under a hidden name, so that presenters and sync clients never see
+    // the half-written file, and synced before it takes the name, so that a crash right after
+    // the rename can't leave an empty file under it.
+    struct stat old {};
+    const mode_t mode = ::stat(encoded(path).constData(), &old) == 0 ? old.st_mode & 07777 : 0644;
+    const QString temporary = hiddenSiblingPath(path, QStringLiteral("velmora-tmp"));
+    HXError failure;
+    if (!writeNewFile(data, temporary, mode, &failure)) {
+        // Named after the file being saved, not the hidden one.
+        HXSetError(error,
+                   HXError::fileError(HXFileWriteUnknownError, path,
+                                      QStringLiteral("The file “%1” couldn’t be saved.").arg(path),
+                                      failure.localizedFailureReason()));
+        return false;
+    }
+    if (::rename(encoded(temporary).constData(), encoded(path).constData()) != 0) {
+        const int code = errno;
+        ::unlink(encoded(temporary).constData());
+        HXSetError(error, posixError(code, path,
+                                     QStringLiteral("The file “%1” couldn’t be saved.").arg(path)));
+        return false;
+    }
     syncParentFolder(path);
     return true;
 }

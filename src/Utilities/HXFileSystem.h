@@ -35,6 +35,11 @@ public:
     // folder. On failure (a full disk, a file-size limit) the old file is untouched.
     static bool writeFileAtomically(const QByteArray &data, const QString &path, HXError *error);
 
+    // Makes a new file (never replacing one) with the bytes and syncs it; on failure nothing is
+    // left at the path.
+    static bool writeNewFile(const QByteArray &data, const QString &path, mode_t mode,
+                             HXError *error);
+
     // Swaps two items in one step. Where the file system refuses an exchange, the first is moved
     // aside to a hidden name, the second into place, and the first to the second's old name.
     static bool exchangeItems(const QString &first, const QString &second, HXError *error);

@@ -116,37 +116,7 @@ bool HXFileWrapper::writeNewFile(const QString &path, HXError *error) const {
     const QString source = unchangedSourcePath();
     if (!source.isEmpty() && ::link(QFile::encodeName(source).constData(), name.constData()) == 0)
         return true;
-    auto failed = [&](int code) {
-        HXSetError(error,
-                   HXFileSystem::posixError(
-                       code, path, QStringLiteral("The file “%1” couldn’t be saved.").arg(path)));
-        return false;
-    };
-    const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return failed(errno);
-    const char *bytes = m_contents.constData();
-    qint64 remaining = m_contents.size();
-    while (remaining > 0) {
-        const ssize_t written = ::write(fd, bytes, size_t(remaining));
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0) {
-            const int code = written < 0 ? errno : ENOSPC;
-            ::close(fd);
-            return failed(code);
-        }
-        bytes += written;
-        remaining -= written;
-    }
-    if (::fsync(fd) != 0) {
-        const int code = errno;
-        ::close(fd);
-        return failed(code);
-    }
-    if (::close(fd) != 0)
-        return failed(errno);
-    return true;
+    return HXFileSystem::writeNewFile(m_contents, path, 0644, error);
 }
 
 bool HXFileWrapper::writeTreeToPath(const QString &path, HXError *error) const {
