@@ -7,6 +7,8 @@
 #include "Model/Stores/HXMarkupStore.h"
 #include "Model/Stores/HXPreferenceStore.h"
 #include "Model/Stores/HXPresetStore.h"
+#include "Text/String/Access/HXMutableString.h"
+#include "Text/String/Nodes/HXTextElement.h"
 #include "Utilities/HXFileSystem.h"
 #include "Utilities/HXUserDefaults.h"
 #include "Utilities/HXZipArchive.h"
@@ -16,9 +18,21 @@
 #include <QFile>
 #include <QProcess>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 using namespace Qt::StringLiterals;
 
 namespace {
+
+QStringList elementKinds(const HXString &string) {
+    QStringList kinds;
+    string.enumerateAllElements(HXDefaultDefinitionSelector,
+                                [&](const HXRef<HXTextElement> &element, HXRange, bool &) {
+                                    kinds.append(element->definition()->identifier());
+                                });
+    return kinds;
+}
 
 const QString cli = QStringLiteral(VELMORA_CLI);
 
@@ -162,8 +176,15 @@ private slots:
         store->writeIfNeeded(false);
         QCOMPARE(HXFileIdentity::ofPath(file), written);
 
+        // A string of the markup follows a reset of it.
+        for (const HXTextTagRef &tag : builtIn->allTagsWithIdentifier(u"emph"_s))
+            builtIn->removeTag(tag);
+        const auto text = HXMutableString::stringWithMarkup(builtIn);
+        text->setString(u"a *b* c\n"_s);
+        QCOMPARE(elementKinds(*text), QStringList());
         store->resetIntrinsicMarkupWithIdentifier(u"markdownqr"_s);
         QVERIFY(builtIn->isEqualToMarkup(*HXMarkup::intrinsicMarkups().value(u"markdownqr"_s)));
+        QCOMPARE(elementKinds(*text), QStringList{u"emph"_s});
         store->writeIfNeeded(false);
         expected.removeOne(u"markdownqr.velmoramarkup"_s);
         QCOMPARE(itemFiles(cloud()), expected);
@@ -176,6 +197,20 @@ private slots:
         QVERIFY(again->markupWithIdentifier(identifier)
                     ->isEqualToMarkup(*store->markupWithIdentifier(identifier)));
         QCOMPARE(again->markupWithIdentifier(identifier)->displayName(), u"Mine"_s);
+
+        // A file whose date is the one read last is not read again, whatever it holds now.
+        const qint64 date = HXFileIdentity::ofPath(file).modificationTime;
+        QFile overwritten(file);
+        QVERIFY(overwritten.open(QIODevice::WriteOnly));
+        overwritten.write("not a markup");
+        overwritten.close();
+        const timespec times[2] = {{0, UTIME_OMIT}, {date / 1000000000, date % 1000000000}};
+        QCOMPARE(::utimensat(AT_FDCWD, QFile::encodeName(file).constData(), times, 0), 0);
+        QVERIFY(again->performReadFromURL(file, nullptr));
+        QVERIFY(!again->ignoredFileURLs().contains(file));
+        QVERIFY(HXFileSystem::setModificationDate(file, QDateTime::currentDateTimeUtc()));
+        QVERIFY(!again->performReadFromURL(file, nullptr));
+        QVERIFY(again->ignoredFileURLs().contains(file));
     }
 
     // velmora-cli beside a running store: what it adds and removes shows up; a built-in changed

@@ -239,7 +239,8 @@ void tst_HXMarkup::defaultTags() {
 }
 
 void tst_HXMarkup::tagsMatchingStrings() {
-    // The tag whose pattern fits the string; else the default one; a lone tag whatever the string.
+    // The tag whose pattern fits the string, a marker's indentation aside; else the default one;
+    // a lone tag whatever the string.
     const auto markup = HXMarkup::defaultIntrinsicMarkup();
     const struct {
         const char *identifier, *string, *pattern;
@@ -248,6 +249,8 @@ void tst_HXMarkup::tagsMatchingStrings() {
         {"orderedList", "12) ", "\\d)"},
         {"orderedList", "12)", "\\d)"},
         {"orderedList", "x) ", "\\d."},
+        {"orderedList", "   3) ", "\\d)"},
+        {"unorderedList", " + ", "+"},
         {"emph", "_", "_"},
         {"divider", "nothing like it", "---"},
     };

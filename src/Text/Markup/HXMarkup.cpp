@@ -265,10 +265,16 @@ HXTextTagRef HXMarkup::tagWithIdentifier(const QString &identifier,
     if (matchingString.isNull())
         return defaultTagWithIdentifier(identifier);
     QString string = matchingString;
-    // Expressions of line-level tags expect the blank behind the marker.
-    if (group.first()->definition()->scope() <= HXGroupingScope &&
-        !string.endsWith(QLatin1Char(' ')))
-        string += QLatin1Char(' ');
+    // Expressions of line-level tags expect the marker without the blanks that indent it, and
+    // with the blank behind it.
+    if (group.first()->definition()->scope() <= HXGroupingScope) {
+        qsizetype blanks = 0;
+        while (blanks < string.size() && string.at(blanks) == QLatin1Char(' '))
+            ++blanks;
+        string.remove(0, blanks);
+        if (!string.endsWith(QLatin1Char(' ')))
+            string += QLatin1Char(' ');
+    }
     for (const HXTextTagRef &tag : group) {
         const auto expression = tag->matchingExpression(0);
         if (expression && expressionMatchesWhole(*expression, string))

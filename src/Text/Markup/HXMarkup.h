@@ -68,7 +68,8 @@ public:
     // What the parser derives from the tags for a selector, kept until the tags change.
     std::shared_ptr<const HXParseTables> parserTables(HXDefinitionSelector selector) const;
     // The tag of a definition: the only one, or among several the one whose first expression
-    // matches the whole string, or the default tag.
+    // matches the whole string (for a line-level tag, the marker without the blanks before it),
+    // or the default tag.
     HXTextTagRef tagWithIdentifier(const QString &identifier,
                                    const QString &matchingString = QString()) const;
     // One tag for each definition that has tags.

@@ -351,8 +351,9 @@ void HXTextElement::setMarkup(const std::shared_ptr<HXMarkup> &given) {
     if (m_attributes)
         (*m_attributes)->setMarkup(markup);
     HXTextNode::setMarkup(markup);
-    // The tag texts follow the new tag where it writes them differently.
-    if (tag() && isIntact())
+    // The tag texts follow the new tag where it writes them differently; without a tag the atoms
+    // are tagless, an entity's without text and another element's with the text it had.
+    if (definition() && isIntact())
         updateAtomsWithHead(QString(), QString());
 }
 
