@@ -147,7 +147,8 @@ void HXFileMonitor::presentersChanged() {
     if (QThread::currentThread() == monitor->thread())
         monitor->updateWatches();
     else
-        QMetaObject::invokeMethod(monitor, &HXFileMonitor::updateWatches, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            monitor, [monitor] { monitor->updateWatches(); }, Qt::QueuedConnection);
 }
 
 void HXFileMonitor::noteOwnWrite(const QString &path) {
@@ -180,6 +181,8 @@ void HXFileMonitor::setWatchLimitForTesting(int limit) {
     const QStringList folders = m_folders.keys();
     for (const QString &folder : folders)
         removeFolder(folder);
+    m_trees.clear();
+    m_wanted.clear();
     updateWatches();
 }
 
@@ -210,36 +213,118 @@ HXFileMonitor::Entry HXFileMonitor::entryOf(const HXFileIdentity &identity) {
 
 // --- Watches -------------------------------------------------------------------------------------
 
-void HXFileMonitor::updateWatches() {
+// The folders a presented item needs watched: the one that holds it and, for a folder, itself
+// and every folder below.
+QSet<QString> HXFileMonitor::treeOf(const QString &path) {
+    QSet<QString> folders{QFileInfo(path).absolutePath()};
+    if (QFileInfo(path).isDir())
+        addSubtree(path, folders);
+    return folders;
+}
+
+void HXFileMonitor::addSubtree(const QString &root, QSet<QString> &folders) {
+    walk(
+        root,
+        [&](const QString &folder) {
+            folders.insert(folder);
+            return true;
+        },
+        [&](const QString &child, const dirent &entry) {
+            return !folders.contains(child) &&
+                   (entry.d_type == DT_DIR ||
+                    (entry.d_type == DT_UNKNOWN && QFileInfo(child).isDir()));
+        });
+}
+
+// Brings the watches in line with the presenters. Each presented item's tree is walked when it
+// comes and afterwards only where folders changed, and every folder counts the trees that want
+// it, so a new presenter or a new folder costs its own tree, not the whole library's.
+void HXFileMonitor::updateWatches(const QStringList &changedFolders) {
     if (!m_debounce)
         return; // not started yet; starting updates them
-    QSet<QString> wanted;
+    QStringList gained, lost;
+    auto take = [&](const QSet<QString> &folders) {
+        for (const QString &folder : folders) {
+            if (++m_wanted[folder] == 1)
+                gained.append(folder);
+        }
+    };
+    auto drop = [&](const QSet<QString> &folders) {
+        for (const QString &folder : folders) {
+            const auto it = m_wanted.find(folder);
+            if (it != m_wanted.end() && --*it == 0) {
+                m_wanted.erase(it);
+                lost.append(folder);
+            }
+        }
+    };
+
+    QSet<QString> presented;
     for (const auto &[presenter, path] : HXFileCoordinator::presentersWithPaths()) {
         (void)presenter;
-        wanted.insert(QFileInfo(path).absolutePath());
-        if (!QFileInfo(path).isDir())
+        presented.insert(path);
+    }
+    for (auto it = m_trees.begin(); it != m_trees.end();) {
+        if (presented.contains(it.key())) {
+            ++it;
             continue;
-        walk(
-            path,
-            [&](const QString &folder) {
-                wanted.insert(folder);
-                return true;
-            },
-            [&](const QString &child, const dirent &entry) {
-                return !wanted.contains(child) &&
-                       (entry.d_type == DT_DIR ||
-                        (entry.d_type == DT_UNKNOWN && QFileInfo(child).isDir()));
-            });
+        }
+        drop(*it);
+        it = m_trees.erase(it);
     }
-    const QStringList present = m_folders.keys();
-    for (const QString &folder : present) {
-        const Folder &state = m_folders.value(folder);
-        // A folder replaced by another under the same name needs a watch of its own.
-        const HXFileIdentity identity = HXFileIdentity::ofPath(folder);
-        if (!wanted.contains(folder) || !identity.exists || identity.inode != state.inode)
-            removeFolder(folder);
+    for (const QString &path : std::as_const(presented)) {
+        auto tree = m_trees.find(path);
+        if (tree == m_trees.end()) {
+            const QSet<QString> folders = treeOf(path);
+            take(folders);
+            m_trees.insert(path, folders);
+            continue;
+        }
+        for (const QString &folder : changedFolders) {
+            if (!HXFileCoordinator::isAncestorOrSelf(path, folder))
+                continue;
+            QSet<QString> old, now;
+            if (folder == path) {
+                old = *tree;
+                now = treeOf(path);
+            } else {
+                for (const QString &inside : std::as_const(*tree)) {
+                    if (HXFileCoordinator::isAncestorOrSelf(folder, inside))
+                        old.insert(inside);
+                }
+                if (QFileInfo(folder).isDir())
+                    addSubtree(folder, now);
+            }
+            drop(old - now);
+            take(now - old);
+            tree->subtract(old);
+            tree->unite(now);
+        }
     }
-    for (const QString &folder : std::as_const(wanted)) {
+
+    for (const QString &folder : std::as_const(lost))
+        removeFolder(folder);
+    if (!changedFolders.isEmpty()) {
+        // A folder replaced by another under the same name needs a watch of its own, and so does
+        // one whose watch ended when it moved.
+        const QStringList present = m_folders.keys();
+        for (const QString &folder : present) {
+            if (std::none_of(changedFolders.cbegin(), changedFolders.cend(),
+                             [&](const QString &changed) {
+                                 return HXFileCoordinator::isAncestorOrSelf(changed, folder);
+                             }))
+                continue;
+            const HXFileIdentity identity = HXFileIdentity::ofPath(folder);
+            const Folder &state = m_folders.value(folder);
+            if (!identity.exists || identity.inode != state.inode ||
+                (state.descriptor < 0 && m_inotify >= 0)) {
+                removeFolder(folder);
+                if (m_wanted.contains(folder))
+                    gained.append(folder);
+            }
+        }
+    }
+    for (const QString &folder : std::as_const(gained)) {
         if (!m_folders.contains(folder) && QFileInfo(folder).isDir())
             addFolder(folder);
     }
@@ -518,7 +603,7 @@ void HXFileMonitor::settle() {
     const QList<QPair<QString, QString>> moves = m_moves;
     m_moves.clear();
     m_movedFrom.clear();
-    bool foldersChanged = false;
+    QStringList changedFolders;
 
     for (const auto &[from, to] : moves) {
         const HXFileIdentity source = HXFileIdentity::ofPath(from);
@@ -531,7 +616,8 @@ void HXFileMonitor::settle() {
         touched.remove(to);
         record(from, source);
         record(to, target);
-        foldersChanged |= target.isDirectory;
+        if (target.isDirectory)
+            changedFolders << from << to;
         if (isOwnWrite(from, source) && isOwnWrite(to, target))
             continue;
         changes.append({HXFileCoordinator::Change::Moved, from, to});
@@ -544,7 +630,7 @@ void HXFileMonitor::settle() {
         const bool wasKnown = knownEntry(path, &known) || ownWriteLeftItem(path);
         record(path, identity);
         if (identity.isDirectory || (wasKnown && known.isDirectory))
-            foldersChanged = true;
+            changedFolders << path;
         if (isOwnWrite(path, identity))
             continue;
         if (identity.exists && wasKnown) {
@@ -579,6 +665,6 @@ void HXFileMonitor::settle() {
         HXFileCoordinator::announceChange(settled.change, settled.path, settled.newPath, nullptr,
                                           false, &sent);
     }
-    if (foldersChanged || !changes.isEmpty())
-        updateWatches();
+    if (!changedFolders.isEmpty() || !changes.isEmpty())
+        updateWatches(changedFolders);
 }

@@ -67,7 +67,9 @@ private:
     static Entry entryOf(const HXFileIdentity &identity);
     // Sets up the notifier and the timers on the main thread.
     void start();
-    void updateWatches();
+    void updateWatches(const QStringList &changedFolders = {});
+    static QSet<QString> treeOf(const QString &path);
+    static void addSubtree(const QString &root, QSet<QString> &folders);
     void addFolder(const QString &path);
     void removeFolder(const QString &path);
     void readEvents();
@@ -91,6 +93,10 @@ private:
     int m_pollInterval = 1000;
     int m_watchLimit = -1;
     QHash<QString, Folder> m_folders;
+    // The folders each presented item needs watched, by its path.
+    QHash<QString, QSet<QString>> m_trees;
+    // How many of those trees want each folder.
+    QHash<QString, int> m_wanted;
     QHash<int, QString> m_byDescriptor;
     QSet<QString> m_touched;
     QHash<quint32, QString> m_movedFrom;

@@ -312,10 +312,12 @@ private slots:
         QTest::newRow("file inside a package")
             << QStringList{u"file lib/doc.pkg/Content.xml"_s}
             << QStringList{u"changed lib/doc.pkg"_s} << QStringList{u"changed"_s};
-        QTest::newRow("package moved to another group")
-            << QStringList{u"mv lib/doc.pkg lib/group/doc.pkg"_s}
-            << QStringList{u"moved lib/doc.pkg to lib/group/doc.pkg"_s}
-            << QStringList{u"moved to lib/group/doc.pkg"_s};
+        QTest::newRow("package moved to another group, then changed there")
+            << QStringList{u"mv lib/doc.pkg lib/group/doc.pkg"_s, u"wait"_s,
+                           u"file lib/group/doc.pkg/Content.xml"_s}
+            << QStringList{u"moved lib/doc.pkg to lib/group/doc.pkg"_s,
+                           u"changed lib/group/doc.pkg"_s}
+            << QStringList{u"moved to lib/group/doc.pkg"_s, u"changed"_s};
         QTest::newRow("package moved out of the library")
             << QStringList{u"mv lib/doc.pkg elsewhere.pkg"_s}
             << QStringList{u"deleted lib/doc.pkg"_s} << QStringList{u"moved to elsewhere.pkg"_s};
