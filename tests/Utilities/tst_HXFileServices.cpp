@@ -96,9 +96,16 @@ public:
         std::lock_guard lock(m_mutex);
         m_events.clear();
     }
-    // Waits for the events of a change to arrive and settle.
+    // Waits for the events of a change to arrive and settle: the given time, and then as long as
+    // events keep coming (a loaded machine may be slow), up to two seconds.
     QStringList settled(int milliseconds = 400) {
         spin(milliseconds);
+        for (int waited = 0; milliseconds > 0 && waited < 2000; waited += 200) {
+            const qsizetype count = events().size();
+            spin(200);
+            if (events().size() == count)
+                break;
+        }
         QStringList list = events();
         list.sort();
         clear();
