@@ -89,7 +89,8 @@ void HXPresetStore::resetObject(const HXPresetObjectRef &object) {
 void HXPresetStore::setObject(const HXPresetObjectRef &object, const QString &identifier) {
     const HXPresetObjectRef present = objectForIdentifier(identifier);
     if (present && present->isBuiltin()) {
-        // Back to its initial state; the store's object stays the same object.
+        // Back to its initial state: a built-in object takes no values (it can't be changed),
+        // so a fresh copy of the initial one takes its place.
         const qsizetype index = m_builtinObjects.indexOf(present);
         const HXPresetObjectRef initial = m_initialBuiltinObjects.value(identifier)->copy();
         if (canEditBuiltinObjects())

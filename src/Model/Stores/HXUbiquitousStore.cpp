@@ -248,8 +248,11 @@ void HXUbiquitousStore::readChangedItem(const QString &url) {
         return;
     std::weak_ptr<HXUbiquitousStore> weak = weak_from_this();
     HXDispatchQueue::mainQueue()->async([weak, url] {
-        if (const auto store = weak.lock())
-            store->performReadFromURL(url, nullptr);
+        const auto store = weak.lock();
+        // What one folder brought goes to the other with the next write (only what differs is
+        // written), so that the local folder keeps what came from the cloud and the reverse.
+        if (store && store->performReadFromURL(url, nullptr))
+            store->noteStoreChanged();
     });
 }
 
