@@ -166,13 +166,26 @@ QString lockFileForRoot(const QString &root) {
 
 QString rootForPath(const QString &path) {
     Registry &reg = registry();
-    std::lock_guard lock(reg.mutex);
     QString best;
-    for (const QString &root : reg.roots) {
-        if (root.size() > best.size() && HXFileCoordinator::isAncestorOrSelf(root, path))
-            best = root;
+    {
+        std::lock_guard lock(reg.mutex);
+        for (const QString &root : reg.roots) {
+            if (root.size() > best.size() && HXFileCoordinator::isAncestorOrSelf(root, path))
+                best = root;
+        }
     }
-    return best.isEmpty() ? QFileInfo(path).absolutePath() : best;
+    if (!best.isEmpty())
+        return best;
+    // Outside any root: the folder that holds the item, or for something inside a package the
+    // folder that holds the package, so that writers of a package and of its files exclude each
+    // other.
+    QString item = path;
+    for (QString above = QFileInfo(path).absolutePath(); above != u"/" && above.size() > 1;
+         above = QFileInfo(above).absolutePath()) {
+        if (HXFileCoordinator::isPackagePath(above))
+            item = above;
+    }
+    return QFileInfo(item).absolutePath();
 }
 
 // Takes the lock files of the roots in a fixed order, so that two processes that write in two
@@ -289,10 +302,12 @@ private:
     std::shared_ptr<State> m_state = std::make_shared<State>();
 };
 
-// The blocks that presenters gave to be called when an access is over.
+// The blocks that presenters gave to be called when an access is over. One that comes after the
+// access ended (the presenter answered after the timeout) is called at once.
 struct Reacquirers {
     std::mutex mutex;
     std::vector<std::pair<HXFilePresenterRef, std::function<void()>>> blocks;
+    bool accessEnded = false;
 };
 
 // Runs a request on the presenter's queue (at once when that is the queue we are on).
@@ -633,8 +648,14 @@ bool HXFileCoordinator::coordinate(const QList<Item> &items, HXError *error,
                         auto relinquished = [presenter, gaveWay,
                                              reacquirers](std::function<void()> reacquirer) {
                             if (reacquirer) {
-                                std::lock_guard lock(reacquirers->mutex);
-                                reacquirers->blocks.emplace_back(presenter, std::move(reacquirer));
+                                std::unique_lock lock(reacquirers->mutex);
+                                if (reacquirers->accessEnded) {
+                                    lock.unlock();
+                                    tell(presenter, std::move(reacquirer));
+                                } else {
+                                    reacquirers->blocks.emplace_back(presenter,
+                                                                     std::move(reacquirer));
+                                }
                             }
                             gaveWay();
                         };
@@ -664,12 +685,14 @@ bool HXFileCoordinator::coordinate(const QList<Item> &items, HXError *error,
     QList<HXFileIdentity> before;
     for (const Item &item : items) {
         access.items.append({item.path, item.write});
-        before.append(item.write ? HXFileIdentity::ofPath(item.path) : HXFileIdentity());
         if (item.write)
             roots.append(rootForPath(item.path));
     }
     acquire(access);
     const QStringList lockFiles = roots.isEmpty() ? QStringList() : acquireProcessLocks(roots);
+    // Taken once the access is ours: a writer that went before may have changed the items.
+    for (const Item &item : items)
+        before.append(item.write ? HXFileIdentity::ofPath(item.path) : HXFileIdentity());
     QStringList paths;
     for (const Item &item : items)
         paths.append(item.path);
@@ -709,6 +732,7 @@ bool HXFileCoordinator::coordinate(const QList<Item> &items, HXError *error,
         for (const auto &[presenter, reacquirer] : reacquirers->blocks)
             tell(presenter, reacquirer);
         reacquirers->blocks.clear();
+        reacquirers->accessEnded = true;
     }
 
     // After: the others hear what changed.
@@ -723,8 +747,10 @@ bool HXFileCoordinator::coordinate(const QList<Item> &items, HXError *error,
         if (!item.write || partOfMove(item.path))
             continue;
         const bool existed = before.at(i).exists;
-        const bool exists = HXFileIdentity::ofPath(item.path).exists;
-        if (!existed && !exists)
+        const HXFileIdentity after = HXFileIdentity::ofPath(item.path);
+        const bool exists = after.exists;
+        // An accessor that found nothing to write changed nothing.
+        if ((!existed && !exists) || (exists && after == before.at(i)))
             continue;
         const Change change = !existed ? Change::Appeared
                               : exists ? Change::Changed

@@ -26,8 +26,9 @@ namespace {
 constexpr quint32 watchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE |
                               IN_MODIFY | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR |
                               IN_EXCL_UNLINK;
-// How long a write of ours is remembered: the events it causes arrive well within this.
-constexpr qint64 ownWriteLifetime = 3000;
+// How long a write of ours is remembered at most: it is forgotten as soon as a settling has taken
+// the events it caused, and this only bounds writes whose events no settling ever takes.
+constexpr qint64 ownWriteLifetime = 60000;
 // The most entries of a written folder that are remembered; beyond, changes inside count as
 // foreign.
 constexpr int ownWriteEntryLimit = 4096;
@@ -38,8 +39,10 @@ struct OwnWrites {
     struct Write {
         QHash<QString, HXFileIdentity> items;
         qint64 expiry = 0;
+        quint64 sequence = 0; // later writes have higher numbers
     };
     QHash<QString, Write> byPath;
+    quint64 lastSequence = 0;
 };
 
 OwnWrites &ownWrites() {
@@ -157,6 +160,7 @@ void HXFileMonitor::noteOwnWrite(const QString &path) {
     write.expiry = QDateTime::currentMSecsSinceEpoch() + ownWriteLifetime;
     OwnWrites &writes = ownWrites();
     std::lock_guard lock(writes.mutex);
+    write.sequence = ++writes.lastSequence;
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
     for (auto it = writes.byPath.begin(); it != writes.byPath.end();)
         it = it->expiry < now ? writes.byPath.erase(it) : std::next(it);
@@ -473,7 +477,7 @@ void HXFileMonitor::noteTouched(const QString &path) {
 
 void HXFileMonitor::scheduleSettle() {
     // Not restarted by later events: a change reaches its presenters at most one interval late.
-    if (!m_debounce->isActive())
+    if (!m_settling && !m_debounce->isActive())
         m_debounce->start();
 }
 
@@ -511,22 +515,43 @@ bool HXFileMonitor::isOwnWrite(const QString &path, const HXFileIdentity &identi
     OwnWrites &writes = ownWrites();
     std::lock_guard lock(writes.mutex);
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    // The latest write that covers the path knows its state last.
+    OwnWrites::Write *latest = nullptr;
     for (auto it = writes.byPath.begin(); it != writes.byPath.end(); ++it) {
-        if (it->expiry < now || !HXFileCoordinator::isAncestorOrSelf(it.key(), path))
-            continue;
-        QHash<QString, HXFileIdentity> &items = it->items;
-        const auto item = items.find(path);
-        if (item == items.end())
-            // Not there when the write ended, and still not there: a name the write used on the
-            // way.
-            return !identity.exists;
-        if (*item == identity)
-            return true;
-        // Changed since by someone else: from now on the path's changes are not ours.
-        items.erase(item);
-        return false;
+        if (it->expiry >= now && HXFileCoordinator::isAncestorOrSelf(it.key(), path) &&
+            (!latest || it->sequence > latest->sequence))
+            latest = &*it;
     }
+    if (!latest)
+        return false;
+    const auto item = latest->items.find(path);
+    if (item == latest->items.end())
+        // Not there when the write ended, and still not there: a name the write used on the way.
+        return !identity.exists;
+    // A folder's times move with every entry made in it, by us as well: it is the same folder
+    // while it is the same inode.
+    const bool same = item->isDirectory && identity.isDirectory
+                          ? item->exists == identity.exists && item->inode == identity.inode
+                          : *item == identity;
+    if (same)
+        return true;
+    // Changed since by someone else: from now on the path's changes are not ours.
+    latest->items.erase(item);
     return false;
+}
+
+// Forgets the writes whose events a settling has taken.
+void HXFileMonitor::forgetOwnWritesUpTo(quint64 sequence) {
+    OwnWrites &writes = ownWrites();
+    std::lock_guard lock(writes.mutex);
+    for (auto it = writes.byPath.begin(); it != writes.byPath.end();)
+        it = it->sequence <= sequence ? writes.byPath.erase(it) : std::next(it);
+}
+
+quint64 HXFileMonitor::lastOwnWriteSequence() {
+    OwnWrites &writes = ownWrites();
+    std::lock_guard lock(writes.mutex);
+    return writes.lastSequence;
 }
 
 // Whether a write of ours left the item there: then it counts as known even before the events of
@@ -556,6 +581,13 @@ void HXFileMonitor::forgetOwnWritesIn(const QString &folder) {
 }
 
 void HXFileMonitor::settle() {
+    // The writes of ours that ended before this point caused events that are in the kernel's
+    // queue now: take them all, and those writes can be forgotten once they are settled.
+    const quint64 settledWrites = lastOwnWriteSequence();
+    m_settling = true;
+    if (m_inotify >= 0)
+        readEvents();
+    m_settling = false;
     if (m_rescanAll) {
         m_rescanAll = false;
         m_moves.clear();
@@ -667,4 +699,7 @@ void HXFileMonitor::settle() {
     }
     if (!changedFolders.isEmpty() || !changes.isEmpty())
         updateWatches(changedFolders);
+    else
+        rememberPresentedItems(); // a presented item replaced by our own save is a new inode
+    forgetOwnWritesUpTo(settledWrites);
 }

@@ -82,6 +82,8 @@ private:
     bool isOwnWrite(const QString &path, const HXFileIdentity &identity);
     static void forgetOwnWritesIn(const QString &folder);
     static bool ownWriteLeftItem(const QString &path);
+    static void forgetOwnWritesUpTo(quint64 sequence);
+    static quint64 lastOwnWriteSequence();
     void rememberPresentedItems();
     QString movedLocationOfPresentedItem(const QString &path);
 
@@ -102,6 +104,7 @@ private:
     QHash<quint32, QString> m_movedFrom;
     QList<QPair<QString, QString>> m_moves;
     bool m_rescanAll = false;
+    bool m_settling = false;
     // An O_PATH descriptor for each presented item, to find where it went when it moves away.
     QHash<QString, int> m_presentedItems;
 };

@@ -130,7 +130,11 @@ bool HXFileSystem::writeFileAtomically(const QByteArray &data, const QString &pa
     // the half-written file, and synced before it takes the name, so that a crash right after
     // the rename can't leave an empty file under it.
     struct stat old {};
-    const mode_t mode = ::stat(encoded(path).constData(), &old) == 0 ? old.st_mode & 07777 : 0644;
+    if (::stat(encoded(path).constData(), &old) != 0)
+        old = {};
+    const mode_t mode = old.st_ino != 0 ? old.st_mode & 07777 : 0644;
+    // What a writer that died left behind goes, once it is surely no live writer's.
+    removeStaleSiblings(path, QStringLiteral("velmora-tmp"), 600);
     const QString temporary = hiddenSiblingPath(path, QStringLiteral("velmora-tmp"));
     HXError failure;
     if (!writeNewFile(data, temporary, mode, &failure)) {
@@ -140,6 +144,12 @@ bool HXFileSystem::writeFileAtomically(const QByteArray &data, const QString &pa
                                       QStringLiteral("The file “%1” couldn’t be saved.").arg(path),
                                       failure.localizedFailureReason()));
         return false;
+    }
+    // The file keeps its creation date across saves, though each save makes a new file.
+    if (old.st_ino != 0) {
+        const QDateTime created = creationDate(path);
+        if (created.isValid())
+            setCreationDate(temporary, created);
     }
     if (::rename(encoded(temporary).constData(), encoded(path).constData()) != 0) {
         const int code = errno;
@@ -241,15 +251,36 @@ QString HXFileSystem::hiddenSiblingPath(const QString &path, const QString &tag)
             .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0')));
 }
 
-void HXFileSystem::removeStaleSiblings(const QString &path, const QString &tag) {
+QStringList HXFileSystem::siblingPaths(const QString &path, const QString &tag) {
     const QFileInfo info(path);
     const QDir folder = info.absoluteDir();
     const QString prefix = QStringLiteral(".%1.%2-").arg(info.fileName(), tag);
+    QStringList paths;
     for (const QString &name :
          folder.entryList({prefix + u'*'}, QDir::AllEntries | QDir::Hidden | QDir::System)) {
         if (name.size() == prefix.size() + 16)
-            removeItem(folder.filePath(name), nullptr);
+            paths.append(folder.filePath(name));
     }
+    return paths;
+}
+
+void HXFileSystem::removeStaleSiblings(const QString &path, const QString &tag,
+                                       qint64 minimumAgeSeconds) {
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    for (const QString &sibling : siblingPaths(path, tag)) {
+        const HXFileIdentity identity = HXFileIdentity::ofPath(sibling);
+        if (now - identity.modificationTime / 1000000000 >= minimumAgeSeconds)
+            removeItem(sibling, nullptr);
+    }
+}
+
+bool HXFileSystem::recoverInterruptedExchange(const QString &path) {
+    if (HXFileIdentity::ofPath(path).exists)
+        return false;
+    // A writer on a file system without exchange died between its renames: the old item waits
+    // under its hidden name.
+    const QStringList aside = siblingPaths(path, QStringLiteral("exchange"));
+    return aside.size() == 1 && moveItem(aside.first(), path, false, nullptr);
 }
 
 // --- Dates -----------------------------------------------------------------------------------

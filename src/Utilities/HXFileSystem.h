@@ -55,8 +55,14 @@ public:
 
     // A hidden sibling name for the path: ".<name>.<tag>-<random>".
     static QString hiddenSiblingPath(const QString &path, const QString &tag);
-    // Removes hidden siblings left by a writer that died: ".<name>.<tag>-*".
-    static void removeStaleSiblings(const QString &path, const QString &tag);
+    // Hidden siblings made by hiddenSiblingPath with the tag.
+    static QStringList siblingPaths(const QString &path, const QString &tag);
+    // Removes hidden siblings left by a writer that died: ".<name>.<tag>-*" at least that old.
+    static void removeStaleSiblings(const QString &path, const QString &tag,
+                                    qint64 minimumAgeSeconds = 0);
+    // Puts back an item that an interrupted exchange left under its hidden name while nothing
+    // has its name; true when it did.
+    static bool recoverInterruptedExchange(const QString &path);
 
     // Creation dates: the extended attribute we set, else the birth time the file system keeps,
     // else the modification date. Invalid for a missing item.

@@ -111,17 +111,22 @@ bool HXFileWrapper::hasSameContentsAs(const HXFileWrapper &other) const {
 }
 
 // A file of a new package: a hard link to its unchanged source, or written and synced.
-bool HXFileWrapper::writeNewFile(const QString &path, HXError *error) const {
+bool HXFileWrapper::writeNewFile(const QString &path, const QString &package,
+                                 HXError *error) const {
     const QByteArray name = QFile::encodeName(path);
+    // Only the package being replaced shares files with its new self: a copy elsewhere must not
+    // change when this one's files do.
     const QString source = unchangedSourcePath();
-    if (!source.isEmpty() && ::link(QFile::encodeName(source).constData(), name.constData()) == 0)
+    if (!source.isEmpty() && !package.isEmpty() && source.startsWith(package + u'/') &&
+        ::link(QFile::encodeName(source).constData(), name.constData()) == 0)
         return true;
     return HXFileSystem::writeNewFile(m_contents, path, 0644, error);
 }
 
-bool HXFileWrapper::writeTreeToPath(const QString &path, HXError *error) const {
+bool HXFileWrapper::writeTreeToPath(const QString &path, const QString &package,
+                                    HXError *error) const {
     if (!m_isDirectory)
-        return writeNewFile(path, error);
+        return writeNewFile(path, package, error);
     if (::mkdir(QFile::encodeName(path).constData(), 0755) != 0) {
         HXSetError(error,
                    HXFileSystem::posixError(
@@ -129,7 +134,7 @@ bool HXFileWrapper::writeTreeToPath(const QString &path, HXError *error) const {
         return false;
     }
     for (auto it = m_children.cbegin(); it != m_children.cend(); ++it) {
-        if (!it.value()->writeTreeToPath(path + u'/' + it.key(), error))
+        if (!it.value()->writeTreeToPath(path + u'/' + it.key(), package, error))
             return false;
     }
     if (!HXFileSystem::syncItem(path)) {
@@ -150,9 +155,12 @@ bool HXFileWrapper::writeToPath(const QString &path, HXError *error, QString *ba
     static const QString newTag = QStringLiteral("velmora-new");
     // Whatever a writer that died left beside the package goes first; the caller holds the
     // coordinated write, so no live writer is using these names.
-    HXFileSystem::removeStaleSiblings(path, newTag);
+    HXFileSystem::recoverInterruptedExchange(path);
+    // A new package beside a missing one may be all that is left of it: it stays then.
+    if (HXFileIdentity::ofPath(path).exists)
+        HXFileSystem::removeStaleSiblings(path, newTag);
     const QString beside = HXFileSystem::hiddenSiblingPath(path, newTag);
-    if (!writeTreeToPath(beside, error)) {
+    if (!writeTreeToPath(beside, QFileInfo(path).absoluteFilePath(), error)) {
         HXFileSystem::removeItem(beside, nullptr);
         return false;
     }

@@ -49,8 +49,9 @@ public:
     HXFileWrapper() = default;
 
 private:
-    bool writeTreeToPath(const QString &path, HXError *error) const;
-    bool writeNewFile(const QString &path, HXError *error) const;
+    // `package` is the final path of the package being written, whose old files may be linked.
+    bool writeTreeToPath(const QString &path, const QString &package, HXError *error) const;
+    bool writeNewFile(const QString &path, const QString &package, HXError *error) const;
 
     bool m_isDirectory = false;
     QString m_preferredFilename;

@@ -18,7 +18,9 @@
 #include <QFile>
 #include <QProcess>
 
+#include <csignal>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
@@ -333,6 +335,21 @@ private slots:
                  (QStringList{u"plain.textpreset"_s, u"zipped.textpreset"_s}));
         QCOMPARE(contents(cloudFolder + u"/plain.textpreset/Content.txt"_s), QByteArray("edited"));
         QVERIFY(QFile::exists(m_folder.filePath(u"support/TextPresets/bad.textpreset"_s)));
+
+        // A preset kept as an archive stays whole when its new package can't be written.
+        const QString archived = m_folder.filePath(u"support/TextPresets/zipped.textpreset"_s);
+        const QByteArray archiveBytes = contents(archived);
+        read->setDisplayName(u"Renamed"_s);
+        struct rlimit old {};
+        getrlimit(RLIMIT_FSIZE, &old);
+        const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit = old;
+        limit.rlim_cur = 16;
+        QCOMPARE(setrlimit(RLIMIT_FSIZE, &limit), 0);
+        store->writeIfNeeded(false);
+        setrlimit(RLIMIT_FSIZE, &old);
+        std::signal(SIGXFSZ, oldHandler);
+        QCOMPARE(contents(archived), archiveBytes);
 
         QVERIFY(HXFileSystem::removeItem(cloudFolder + u"/zipped.textpreset"_s, nullptr));
         QTRY_VERIFY_WITH_TIMEOUT(!store->objectForIdentifier(u"zipped"_s), 3000);

@@ -186,6 +186,7 @@ private slots:
         QTest::newRow("writer of folder, reader inside") << "a" << true << "a/b/c" << false << true;
         QTest::newRow("reader of folder, writer inside") << "a" << false << "a/b" << true << true;
         QTest::newRow("siblings") << "a/b" << true << "a/bc" << true << false;
+        QTest::newRow("package, file inside") << "a.pkg" << true << "a.pkg/b.xml" << true << true;
         QTest::newRow("reader of file, writer beside") << "a/b" << false << "a/c" << true << false;
     }
 
@@ -288,6 +289,22 @@ private slots:
         QCOMPARE(document.recorder->presentedItemURL(), base + u"/lib/doc.pkg"_s);
         QVERIFY(HXFileCoordinator::presentersWithPaths().contains(
             {document.recorder, base + u"/lib/moved.pkg"_s}));
+
+        // A later write of ours inside an earlier one is still ours: the presenter that wrote
+        // hears nothing of it, not even from the monitor.
+        Presenting notes(base + u"/lib/dir/a.txt"_s, base);
+        other.coordinateWritingItemAtURL(
+            base + u"/lib/dir"_s, 0, nullptr, [&](const QString &path) {
+                QDir().mkpath(path);
+                HXFileSystem::writeFileAtomically("1", path + u"/a.txt"_s, nullptr);
+            });
+        HXFileCoordinator own(notes.recorder);
+        own.coordinateWritingItemAtURL(
+            base + u"/lib/dir/a.txt"_s, 0, nullptr,
+            [&](const QString &path) { HXFileSystem::writeFileAtomically("2", path, nullptr); });
+        const QStringList heard = notes.recorder->settled();
+        QCOMPARE(heard, (QStringList{u"changed"_s, u"save"_s}));
+        library.recorder->clear();
 
         // A deletion is accommodated before it happens, and nothing follows it.
         other.coordinateWritingItemAtURL(
@@ -527,6 +544,13 @@ private slots:
         QVERIFY(HXFileWrapper::directoryWithFileWrappers(children)->writeToPath(path, nullptr));
         QCOMPARE(contents(path + u"/image.png"_s), QByteArray("png"));
         QVERIFY(!QFileInfo::exists(backup));
+
+        // A writer without exchange that died between its renames left the package aside.
+        QVERIFY(HXFileSystem::moveItem(
+            path, path.section(u'/', 0, -2) + u"/.dated.pkg.exchange-0123456789abcdef"_s, false,
+            nullptr));
+        QVERIFY(HXFileSystem::recoverInterruptedExchange(path));
+        QCOMPARE(contents(path + u"/Content.xml"_s), QByteArray("2"));
 
         const QDateTime modified = QDateTime(QDate(2021, 1, 2), QTime(3, 4, 5), Qt::UTC);
         QVERIFY(HXFileSystem::setModificationDate(path, modified));

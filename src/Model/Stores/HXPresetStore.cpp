@@ -1,7 +1,6 @@
 #include "Model/Stores/HXPresetStore.h"
 
 #include "Utilities/HXAssert.h"
-#include "Utilities/HXFileSystem.h"
 #include "Utilities/HXZipArchive.h"
 
 #include <QCollator>
@@ -184,10 +183,8 @@ bool HXPresetStore::writeItem(const QString &identifier, const QString &url, HXE
                 HXZipArchive::fileWrapperFromZipData(present->regularFileContents(), url, nullptr);
         if (unpacked && unpacked->hasSameContentsAs(*wrapper))
             return true;
-        // An archive gives way to a package folder.
-        if (present->isRegularFile() && !HXFileSystem::removeItem(url, error))
-            return false;
     }
+    // An archive gives way to a package folder in the same single exchange.
     return wrapper->writeToPath(url, error);
 }
 

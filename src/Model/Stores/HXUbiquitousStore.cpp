@@ -75,8 +75,10 @@ void HXUbiquitousStore::loadFromDirectory(const QString &directory) {
     }
 }
 
-bool HXUbiquitousStore::performReadFromURL(const QString &url, HXError *error) {
+bool HXUbiquitousStore::performReadFromURL(const QString &url, HXError *error, bool *read) {
     bool succeeded = false;
+    if (read)
+        *read = false;
     HXFileCoordinator coordinator(m_presenter);
     coordinator.coordinateReadingItemAtURL(url, 0, error, [&](const QString &path) {
         const HXFileIdentity identity = HXFileIdentity::ofPath(path);
@@ -89,6 +91,8 @@ bool HXUbiquitousStore::performReadFromURL(const QString &url, HXError *error) {
             }
         }
         succeeded = readItemFromURL(path, error);
+        if (read)
+            *read = true;
         {
             std::lock_guard lock(m_modificationDatesMutex);
             m_modificationDates.insert(path, identity.modificationTime);
@@ -235,6 +239,8 @@ void HXUbiquitousStore::setUbiquitousDirectory(const QString &directory) {
 void HXUbiquitousStore::presentFolder(std::shared_ptr<HXFilePresentationProxy> &proxy,
                                       const QString &folder) {
     HXFileCoordinator::addPackagePathExtensions(allowedItemPathExtensions());
+    // Two processes writing this store take turns.
+    HXFileCoordinator::addCoordinationRoot(folder);
     std::weak_ptr<HXFilePresenter> owner = std::static_pointer_cast<HXFilePresenter>(
         std::shared_ptr<HXUbiquitousStore>(shared_from_this()));
     proxy =
@@ -251,7 +257,8 @@ void HXUbiquitousStore::readChangedItem(const QString &url) {
         const auto store = weak.lock();
         // What one folder brought goes to the other with the next write (only what differs is
         // written), so that the local folder keeps what came from the cloud and the reverse.
-        if (store && store->performReadFromURL(url, nullptr))
+        bool read = false;
+        if (store && store->performReadFromURL(url, nullptr, &read) && read)
             store->noteStoreChanged();
     });
 }
@@ -302,10 +309,15 @@ void HXUbiquitousStore::accommodatePresentedItemDeletionWithCompletionHandler(
     // The cloud folder went (the account changed, or the container was removed).
     std::weak_ptr<HXUbiquitousStore> weak = weak_from_this();
     HXDispatchQueue::mainQueue()->async([weak] {
-        if (const auto store = weak.lock()) {
-            store->m_presenter.reset();
-            store->m_ubiquitousDirectory.clear();
-            store->ubiquityIdentityChanged();
-        }
+        const auto store = weak.lock();
+        // Both folders' presenters come here: only the cloud folder's going changes the mirror.
+        if (!store || store->m_ubiquitousDirectory.isEmpty() ||
+            QFileInfo(store->m_ubiquitousDirectory).isDir())
+            return;
+        if (store->m_presenter)
+            store->m_presenter->endPresentation();
+        store->m_presenter.reset();
+        store->m_ubiquitousDirectory.clear();
+        store->ubiquityIdentityChanged();
     });
 }

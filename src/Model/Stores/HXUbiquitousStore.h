@@ -71,8 +71,8 @@ public:
     // The cloud container changed (set, cleared, or its folder came or went): the mirror follows.
     void ubiquityIdentityChanged();
     void setUbiquitousDirectory(const QString &directory);
-    // Reads the file unless it is unchanged since the last read.
-    bool performReadFromURL(const QString &url, HXError *error);
+    // Reads the file unless it is unchanged since the last read; `read` says whether it did.
+    bool performReadFromURL(const QString &url, HXError *error, bool *read = nullptr);
     // Files of an allowed extension that could not be read; never removed by a write.
     QSet<QString> ignoredFileURLs() const { return m_ignoredFileURLs; }
 
