@@ -4,6 +4,7 @@
 #include <QFileInfo>
 #include <QHash>
 #include <QRandomGenerator>
+#include <QSet>
 
 #include <cerrno>
 #include <cstring>
@@ -133,8 +134,18 @@ bool HXFileSystem::writeFileAtomically(const QByteArray &data, const QString &pa
     if (::stat(encoded(path).constData(), &old) != 0)
         old = {};
     const mode_t mode = old.st_ino != 0 ? old.st_mode & 07777 : 0644;
-    // What a writer that died left behind goes, once it is surely no live writer's.
-    removeStaleSiblings(path, QStringLiteral("velmora-tmp"), 600);
+    // What a writer that died left behind goes, once it is surely no live writer's; looked for
+    // once per file and run, since it means listing the folder.
+    {
+        static std::mutex mutex;
+        static QSet<QString> cleaned;
+        std::unique_lock lock(mutex);
+        if (!cleaned.contains(path)) {
+            cleaned.insert(path);
+            lock.unlock();
+            removeStaleSiblings(path, QStringLiteral("velmora-tmp"), 600);
+        }
+    }
     const QString temporary = hiddenSiblingPath(path, QStringLiteral("velmora-tmp"));
     HXError failure;
     if (!writeNewFile(data, temporary, mode, &failure)) {
