@@ -41,30 +41,6 @@ int plistCommand(const QStringList &arguments) {
     return 0;
 }
 
-// A built-in markup by identifier, or a markup file by path.
-std::shared_ptr<HXMarkup> markupNamed(const QString &name, QString *failure) {
-    if (const auto builtIn = HXMarkup::intrinsicMarkups().value(name))
-        return builtIn;
-    // A user markup of the store, by identifier.
-    if (!name.contains(u'/') && !name.contains(u'.')) {
-        if (const auto stored = HXMarkupStore::create()->markupWithIdentifier(name))
-            return stored;
-    }
-    if (!QFile::exists(name)) {
-        *failure = QStringLiteral("unknown markup '%1'").arg(name);
-        return nullptr;
-    }
-    QByteArray bytes;
-    if (!HXCommandLineTool::readInput(name, &bytes, failure))
-        return nullptr;
-    HXError error;
-    const auto markup = HXMarkup::markupWithData(bytes, &error);
-    if (!markup)
-        *failure = QStringLiteral("%1: %2").arg(name, error.localizedFailureReason().isEmpty()
-                                                          ? error.localizedDescription()
-                                                          : error.localizedFailureReason());
-    return markup;
-}
 
 QString inputName(const QString &path) {
     return path.isEmpty() || path == u"-" ? QStringLiteral("standard input") : path;
@@ -184,8 +160,8 @@ int convertStringCommand(const QStringList &arguments) {
     if (markupName.isEmpty() || targetName.isEmpty())
         return HXCommandLineTool::fail(QStringLiteral("string: --markup and --to are required"));
     QString failure;
-    const auto markup = markupNamed(markupName, &failure);
-    const auto targetMarkup = markup ? markupNamed(targetName, &failure) : nullptr;
+    const auto markup = HXCommandLineTool::markupNamed(markupName, &failure);
+    const auto targetMarkup = markup ? HXCommandLineTool::markupNamed(targetName, &failure) : nullptr;
     QByteArray bytes;
     if (!targetMarkup || !HXCommandLineTool::readInput(path, &bytes, &failure))
         return HXCommandLineTool::fail(failure);
@@ -243,7 +219,7 @@ int stringCommand(const QStringList &arguments) {
     if (verb == u"edit" && scriptPath.isEmpty())
         return HXCommandLineTool::fail(QStringLiteral("string: --script is required"));
     QString failure;
-    const auto markup = markupNamed(markupName, &failure);
+    const auto markup = HXCommandLineTool::markupNamed(markupName, &failure);
     if (!markup)
         return HXCommandLineTool::fail(failure);
     QByteArray script;
@@ -283,7 +259,7 @@ int markupCommand(const QStringList &arguments) {
     if (arguments.size() != 2 || arguments.first() != u"show")
         return HXCommandLineTool::fail(QStringLiteral("markup: expected 'show MARKUP'"));
     QString failure;
-    const auto markup = markupNamed(arguments.at(1), &failure);
+    const auto markup = HXCommandLineTool::markupNamed(arguments.at(1), &failure);
     if (!markup)
         return HXCommandLineTool::fail(failure);
     HXCommandLineTool::writeOutput(markup->XMLData());
@@ -291,6 +267,31 @@ int markupCommand(const QStringList &arguments) {
 }
 
 } // namespace
+
+// A built-in markup by identifier, or a markup file by path.
+std::shared_ptr<HXMarkup> HXCommandLineTool::markupNamed(const QString &name, QString *failure) {
+    if (const auto builtIn = HXMarkup::intrinsicMarkups().value(name))
+        return builtIn;
+    // A user markup of the store, by identifier.
+    if (!name.contains(u'/') && !name.contains(u'.')) {
+        if (const auto stored = HXMarkupStore::create()->markupWithIdentifier(name))
+            return stored;
+    }
+    if (!QFile::exists(name)) {
+        *failure = QStringLiteral("unknown markup '%1'").arg(name);
+        return nullptr;
+    }
+    QByteArray bytes;
+    if (!HXCommandLineTool::readInput(name, &bytes, failure))
+        return nullptr;
+    HXError error;
+    const auto markup = HXMarkup::markupWithData(bytes, &error);
+    if (!markup)
+        *failure = QStringLiteral("%1: %2").arg(name, error.localizedFailureReason().isEmpty()
+                                                          ? error.localizedDescription()
+                                                          : error.localizedFailureReason());
+    return markup;
+}
 
 HXCommandLineTool::HXCommandLineTool() {
     m_commands.append({QStringLiteral("plist"), QStringLiteral("plist FILE"),
@@ -323,6 +324,18 @@ HXCommandLineTool::HXCommandLineTool() {
                         "ZIP archive of it and prints its new identifier; removes a user markup; "
                         "resets a built-in one to its initial state."),
          HXMarkupsCommand});
+    m_commands.append(
+        {QStringLiteral("sheet"),
+         QStringLiteral("sheet create PATH.velmora [--markup M] [TEXT-FILE]\n"
+                        "  sheet show PATH [--json]\n  sheet set-text PATH [TEXT-FILE]\n"
+                        "  sheet attach PATH (--note TEXT | --file FILE | --keywords K1,K2 | "
+                        "--goal COUNTER:TYPE:TARGET)\n  sheet versions PATH"),
+         QStringLiteral("One sheet package: makes one from UTF-8 text (standard input when no "
+                        "file is given); writes its text, or with --json its text, markup, "
+                        "format version, notes, keywords, file names and goal; replaces its "
+                        "text; adds a note, a file, keywords or sets the goal (TYPE is close_to, "
+                        "at_least or at_most); lists the versions kept of it, newest first."),
+         HXSheetCommand});
 }
 
 int HXCommandLineTool::run(const QStringList &arguments) {

@@ -6,6 +6,9 @@
 #include <QStringList>
 
 #include <functional>
+#include <memory>
+
+class HXMarkup;
 
 // The command-line tool: a table of sub-commands, each with its usage line and summary. A command
 // gets its arguments (without the program and command names) and returns the exit status:
@@ -31,6 +34,9 @@ public:
     static int failLine(const QString &message);
     // Reads a whole file, or standard input for "-" or an empty path.
     static bool readInput(const QString &path, QByteArray *bytes, QString *failure);
+    // A built-in markup by identifier, a user markup of the store by identifier, or a markup
+    // file by path; nothing and the failure otherwise.
+    static std::shared_ptr<HXMarkup> markupNamed(const QString &name, QString *failure);
 
 private:
     void printHelp() const;
@@ -40,3 +46,6 @@ private:
 
 // velmora-cli markups …: the user's markup store.
 int HXMarkupsCommand(const QStringList &arguments);
+
+// velmora-cli sheet …: one sheet package.
+int HXSheetCommand(const QStringList &arguments);

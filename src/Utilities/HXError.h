@@ -7,6 +7,8 @@
 inline const QString HXLocalizedDescriptionKey = QStringLiteral("NSLocalizedDescription");
 inline const QString HXLocalizedFailureReasonErrorKey = QStringLiteral("NSLocalizedFailureReason");
 inline const QString HXFilePathErrorKey = QStringLiteral("NSFilePath");
+// A short form of the description, for tight places such as a status line.
+inline const QString HXShortLocalizedDescriptionKey = QStringLiteral("HXShortLocalizedDescription");
 inline const QString HXUnderlyingErrorKey = QStringLiteral("NSUnderlyingError");
 
 // Domains of errors that are not given by a subsystem of their own.

@@ -30,6 +30,7 @@ public:
     bool isRegularFile() const { return !m_isDirectory; }
     bool isDirectory() const { return m_isDirectory; }
     const QString &preferredFilename() const { return m_preferredFilename; }
+    void setPreferredFilename(const QString &name) { m_preferredFilename = name; }
     const QByteArray &regularFileContents() const { return m_contents; }
     const QMap<QString, std::shared_ptr<HXFileWrapper>> &fileWrappers() const { return m_children; }
     // The MIME type of a regular file, by its name and contents.

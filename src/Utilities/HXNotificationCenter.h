@@ -20,6 +20,10 @@ struct HXNotification {
 inline const QString HXApplicationWillTerminateNotification =
     QStringLiteral("NSApplicationWillTerminateNotification");
 
+// Posted when the application is about to lose the focus; documents save what is pending.
+inline const QString HXApplicationWillResignActiveNotification =
+    QStringLiteral("NSApplicationWillResignActiveNotification");
+
 class HXNotificationCenter;
 
 // Keeps an observer registered while it lives. Move-only; reset or destroy it to stop observing.

@@ -2,6 +2,8 @@
 
 #include "Utilities/HXAssert.h"
 
+#include <utility>
+
 void HXUndoManager::openGroup() {
     m_open = Group();
     const auto observers = m_groupObservers;
@@ -21,8 +23,18 @@ void HXUndoManager::registerUndo(std::function<void()> action) {
     }
     openGroup();
     m_open.actions.push_back(std::move(action));
-    m_undoStack.push_back(std::move(m_open));
-    m_open = Group();
+    closeGroup(std::exchange(m_open, Group()));
+}
+
+void HXUndoManager::closeGroup(Group group) {
+    m_undoStack.push_back(std::move(group));
+    announce(Change::Done);
+}
+
+void HXUndoManager::announce(Change change) {
+    const auto observers = m_changeObservers;
+    for (const auto &[owner, function] : observers)
+        function(change);
 }
 
 void HXUndoManager::setActionName(const QString &name) {
@@ -51,9 +63,9 @@ void HXUndoManager::endUndoGrouping() {
     HX_ASSERT(m_groupingLevel > 0, u"endUndoGrouping called with no matching begin");
     if (--m_groupingLevel > 0 || m_collecting)
         return;
-    if (!m_open.actions.empty())
-        m_undoStack.push_back(std::move(m_open));
-    m_open = Group();
+    Group group = std::exchange(m_open, Group());
+    if (!group.actions.empty())
+        closeGroup(std::move(group));
 }
 
 void HXUndoManager::runGroup(Group group, bool undoing) {
@@ -87,6 +99,7 @@ void HXUndoManager::undo() {
     Group group = std::move(m_undoStack.back());
     m_undoStack.pop_back();
     runGroup(std::move(group), true);
+    announce(Change::Undone);
 }
 
 void HXUndoManager::redo() {
@@ -96,6 +109,7 @@ void HXUndoManager::redo() {
     Group group = std::move(m_redoStack.back());
     m_redoStack.pop_back();
     runGroup(std::move(group), false);
+    announce(Change::Redone);
 }
 
 void HXUndoManager::removeAllActions() {
@@ -111,4 +125,12 @@ void HXUndoManager::addGroupOpenedObserver(const void *owner, std::function<void
 
 void HXUndoManager::removeGroupOpenedObserver(const void *owner) {
     std::erase_if(m_groupObservers, [owner](const auto &entry) { return entry.first == owner; });
+}
+
+void HXUndoManager::addChangeObserver(const void *owner, std::function<void(Change)> function) {
+    m_changeObservers.emplace_back(owner, std::move(function));
+}
+
+void HXUndoManager::removeChangeObserver(const void *owner) {
+    std::erase_if(m_changeObservers, [owner](const auto &entry) { return entry.first == owner; });
 }

@@ -38,6 +38,11 @@ public:
     void addGroupOpenedObserver(const void *owner, std::function<void()> function);
     void removeGroupOpenedObserver(const void *owner);
 
+    // What a document counts its changes by: a step that closed, one undone, one redone.
+    enum class Change { Done, Undone, Redone };
+    void addChangeObserver(const void *owner, std::function<void(Change)> function);
+    void removeChangeObserver(const void *owner);
+
 private:
     struct Group {
         std::vector<std::function<void()>> actions;
@@ -45,6 +50,8 @@ private:
     };
     void openGroup();
     void runGroup(Group group, bool undoing);
+    void closeGroup(Group group);
+    void announce(Change change);
 
     std::vector<Group> m_undoStack;
     std::vector<Group> m_redoStack;
@@ -54,4 +61,5 @@ private:
     bool m_redoing = false;
     Group *m_collecting = nullptr; // the group that undo or redo is building
     std::vector<std::pair<const void *, std::function<void()>>> m_groupObservers;
+    std::vector<std::pair<const void *, std::function<void(Change)>>> m_changeObservers;
 };

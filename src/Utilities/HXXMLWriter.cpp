@@ -1,6 +1,7 @@
 #include "Utilities/HXXMLWriter.h"
 
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXXMLElement.h"
 
 #include <array>
 #include <cstring>
@@ -153,4 +154,22 @@ void HXXMLWriter::appendEscaped(QStringView text, bool attribute) {
         *out++ = char(0x80 | (point & 0x3F));
     }
     m_used += out - start;
+}
+
+void HXXMLWriter::writeElement(const HXXMLElement &element) {
+    // Names are held as views while their element is open, so their bytes live in this frame.
+    const QByteArray name = element.name().toLatin1();
+    startElement(QLatin1StringView(name));
+    QList<QByteArray> attributeNames;
+    for (const auto &[attribute, value] : element.attributes()) {
+        attributeNames.append(attribute.toLatin1());
+        writeAttribute(QLatin1StringView(attributeNames.last()), value);
+    }
+    for (qsizetype index = 0; index < element.childCount(); ++index) {
+        if (element.isTextAt(index))
+            writeText(element.textAt(index));
+        else
+            writeElement(element.elementAt(index));
+    }
+    endElement();
 }

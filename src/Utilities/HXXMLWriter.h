@@ -23,6 +23,8 @@ public:
     void writeAttribute(QLatin1StringView name, QStringView value);
     void writeText(QStringView text);
     void endElement();
+    // A whole element of a tree, as HXXMLElement writes it, at this point of the document.
+    void writeElement(const class HXXMLElement &element);
     // The bytes so far; a complete document once every element has ended.
     QByteArray bytes() const { return m_bytes.first(m_used); }
     QByteArray takeBytes();

@@ -42,14 +42,20 @@ void HXMarkupStore::reset() {
 }
 
 void HXMarkupStore::addMarkup(const std::shared_ptr<HXMarkup> &markup) {
-    m_markups.insert(markup->identifier(), markup);
+    {
+        const std::lock_guard lock(m_markupsMutex);
+        m_markups.insert(markup->identifier(), markup);
+    }
     markup->addMarkupObserver(observer());
     emit availableMarkupsChanged();
 }
 
 void HXMarkupStore::removeMarkup(const std::shared_ptr<HXMarkup> &markup) {
     markup->removeMarkupObserver(observer());
-    m_markups.remove(markup->identifier());
+    {
+        const std::lock_guard lock(m_markupsMutex);
+        m_markups.remove(markup->identifier());
+    }
     emit availableMarkupsChanged();
 }
 
@@ -58,18 +64,23 @@ void HXMarkupStore::markupChangedStructure(HXMarkup &) {
 }
 
 std::shared_ptr<HXMarkup> HXMarkupStore::defaultIntrinsicMarkup() const {
-    return HXMarkup::defaultMarkupAmong(m_markups);
+    return HXMarkup::defaultMarkupAmong(markups());
+}
+
+QMap<QString, std::shared_ptr<HXMarkup>> HXMarkupStore::markups() const {
+    const std::lock_guard lock(m_markupsMutex);
+    return m_markups;
 }
 
 std::shared_ptr<HXMarkup> HXMarkupStore::markupWithIdentifier(const QString &identifier) const {
-    return m_markups.value(identifier);
+    return markups().value(identifier);
 }
 
 std::shared_ptr<HXMarkup> HXMarkupStore::markupEqualToMarkup(const HXMarkup &markup) const {
-    if (const auto same = m_markups.value(markup.identifier());
-        same && same->isEqualToMarkup(markup))
+    const auto all = markups();
+    if (const auto same = all.value(markup.identifier()); same && same->isEqualToMarkup(markup))
         return same;
-    for (const auto &candidate : m_markups) {
+    for (const auto &candidate : all) {
         if (candidate->isEqualToMarkup(markup))
             return candidate;
     }
@@ -77,7 +88,7 @@ std::shared_ptr<HXMarkup> HXMarkupStore::markupEqualToMarkup(const HXMarkup &mar
 }
 
 std::shared_ptr<HXMarkup> HXMarkupStore::replacementMarkupForMarkup(const HXMarkup &markup) const {
-    return m_markups.value(markup.identifier());
+    return markups().value(markup.identifier());
 }
 
 QString HXMarkupStore::registerMarkup(const std::shared_ptr<HXMarkup> &markup) {
@@ -114,7 +125,7 @@ void HXMarkupStore::resetIntrinsicMarkupWithIdentifier(const QString &identifier
 }
 
 QList<std::shared_ptr<HXMarkup>> HXMarkupStore::availableMarkups() const {
-    QList<std::shared_ptr<HXMarkup>> list = m_markups.values();
+    QList<std::shared_ptr<HXMarkup>> list = markups().values();
     QCollator collator;
     collator.setCaseSensitivity(Qt::CaseInsensitive);
     std::stable_sort(list.begin(), list.end(), [&](const auto &a, const auto &b) {

@@ -12,7 +12,8 @@
 // elsewhere removes a user markup and resets a built-in one.
 //
 // The shared store is made on first use on the main thread; tests and the command-line tool make
-// their own over folders of theirs. Main thread.
+// their own over folders of theirs. Main thread, but for the lookups of markups (the default, by
+// identifier, equal, replacement, available), which sheets make from any thread while they read.
 class HXMarkupStore : public HXUbiquitousStore, public HXMarkupObserver {
     Q_OBJECT
 public:
@@ -58,5 +59,10 @@ private:
     void removeMarkup(const std::shared_ptr<HXMarkup> &markup);
     std::shared_ptr<HXMarkupObserver> observer();
 
+    // A copy of the markups, for the lookups that sheets make while they read on other threads.
+    QMap<QString, std::shared_ptr<HXMarkup>> markups() const;
+
+    // Changed on the main thread only, under the mutex.
     QMap<QString, std::shared_ptr<HXMarkup>> m_markups;
+    mutable std::mutex m_markupsMutex;
 };

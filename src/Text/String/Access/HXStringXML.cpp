@@ -1062,6 +1062,12 @@ HXStringXML::stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXM
     return string;
 }
 
+std::shared_ptr<HXXMLReading>
+HXStringXML::readerForString(const std::shared_ptr<HXMutableString> &string) {
+    return std::make_shared<StringReader>(string, string->markup(),
+                                          string->recognizedDefinitions());
+}
+
 QByteArray HXStringXML::pasteboardPropertyListForType(const HXString &string, const QString &type,
                                                       HXError *error) {
     HX_ASSERT(type == pasteboardType, u"Invalid pasteboard type passed");

@@ -13,6 +13,7 @@ class HXMarkup;
 class HXMutableString;
 class HXString;
 class HXXMLWriter;
+class HXXMLReading;
 
 // The stored and exchanged form of a string: a `string` element of `p` elements, each with its
 // bookmark, the texts of its prefix tags, its plain runs, elements with their attributes, and
@@ -42,6 +43,11 @@ public:
     stringWithXMLData(const QByteArray &data, const std::shared_ptr<HXMarkup> &markup,
                       HXDefinitionSelector recognizedDefinitions, HXError *error,
                       HXXMLReaderContext *context = nullptr);
+
+    // The object that reads a `string` element into the string, in its markup, where a document
+    // holds the element among others. The string should be empty; what it holds stays in front.
+    static std::shared_ptr<HXXMLReading>
+    readerForString(const std::shared_ptr<HXMutableString> &string);
 
     // The pasteboard form: the document's data under the string's type; another type is the
     // assertion. Empty, with the error, for a string with files.
