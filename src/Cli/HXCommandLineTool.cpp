@@ -41,7 +41,6 @@ int plistCommand(const QStringList &arguments) {
     return 0;
 }
 
-
 QString inputName(const QString &path) {
     return path.isEmpty() || path == u"-" ? QStringLiteral("standard input") : path;
 }
@@ -161,7 +160,8 @@ int convertStringCommand(const QStringList &arguments) {
         return HXCommandLineTool::fail(QStringLiteral("string: --markup and --to are required"));
     QString failure;
     const auto markup = HXCommandLineTool::markupNamed(markupName, &failure);
-    const auto targetMarkup = markup ? HXCommandLineTool::markupNamed(targetName, &failure) : nullptr;
+    const auto targetMarkup =
+        markup ? HXCommandLineTool::markupNamed(targetName, &failure) : nullptr;
     QByteArray bytes;
     if (!targetMarkup || !HXCommandLineTool::readInput(path, &bytes, &failure))
         return HXCommandLineTool::fail(failure);

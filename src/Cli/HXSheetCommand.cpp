@@ -13,7 +13,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSemaphore>
 
 namespace {
 
@@ -25,18 +24,6 @@ QString reason(const std::optional<HXError> &error) {
     if (failure.isEmpty() || failure == description)
         return description;
     return description + u' ' + failure;
-}
-
-// Runs an asynchronous step of a document and waits for its answer.
-bool wait(const std::function<void(HXDocument::CompletionHandler)> &step) {
-    QSemaphore done;
-    bool result = false;
-    step([&](bool success) {
-        result = success;
-        done.release();
-    });
-    done.acquire();
-    return result;
 }
 
 // The sheet of a package, open; nothing after a line on standard error.
@@ -51,7 +38,8 @@ std::shared_ptr<HXNativeSheet> openSheet(const QString &path, bool readOnly, int
         return nullptr;
     }
     const auto sheet = HXNativeSheet::sheetWithURL(path, readOnly);
-    if (!wait([&](auto handler) { sheet->openWithCompletionHandler(handler); })) {
+    if (!HXDocument::waitForCompletion(
+            [&](auto handler) { sheet->openWithCompletionHandler(handler); })) {
         // The file inside the package that failed, when the error says which.
         const auto error = sheet->lastReadError();
         const QString file =
@@ -69,7 +57,8 @@ int save(const std::shared_ptr<HXNativeSheet> &sheet, const QString &path) {
     HXError error;
     const bool saved =
         sheet->saveToURL(QFileInfo(path).absoluteFilePath(), HXDocument::SaveOperationSave, &error);
-    wait([&](auto handler) { sheet->closeWithCompletionHandler(handler); });
+    HXDocument::waitForCompletion(
+        [&](auto handler) { sheet->closeWithCompletionHandler(handler); });
     if (!saved)
         return HXCommandLineTool::fail(QStringLiteral("%1: %2").arg(path, reason(error)));
     return 0;
@@ -217,7 +206,7 @@ int attach(const QStringList &arguments) {
                 keywords.append(keyword.trimmed());
         }
         if (keywords.isEmpty())
-            return HXCommandLineTool::fail(QStringLiteral("sheet attach: no keywords given"));
+            return HXCommandLineTool::fail(QStringLiteral("%1: no keywords given").arg(path));
     } else if (kind == u"--goal") {
         const QStringList parts = value.split(u':');
         bool number = false;
@@ -227,10 +216,9 @@ int attach(const QStringList &arguments) {
         if (parts.size() != 3 || parts.at(0).isEmpty() || !types.contains(parts.at(1)) || !number ||
             target <= 0)
             return HXCommandLineTool::fail(
-                QStringLiteral(
-                    "sheet attach: a goal is COUNTER:TYPE:TARGET, TYPE one of close_to, at_least, "
-                    "at_most and TARGET a positive number, not '%1'")
-                    .arg(value));
+                QStringLiteral("%1: a goal is COUNTER:TYPE:TARGET, TYPE one of close_to, at_least, "
+                               "at_most and TARGET a positive number, not '%2'")
+                    .arg(path, value));
         goal = std::make_shared<HXCountingGoal>();
         goal->setCounterIdentifier(parts.at(0));
         goal->setType(HXCountingGoal::typeFromText(parts.at(1)));

@@ -3,6 +3,7 @@
 #include "Utilities/HXApplicationLog.h"
 #include "Utilities/HXFileMonitor.h"
 #include "Utilities/HXFileSystem.h"
+#include "Utilities/HXUniqueIdentifier.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -144,15 +145,6 @@ ProcessLocks &processLocks() {
     return locks;
 }
 
-quint64 fnv1a(const QByteArray &bytes) {
-    quint64 hash = 0xcbf29ce484222325ull;
-    for (const char c : bytes) {
-        hash ^= quint8(c);
-        hash *= 0x100000001b3ull;
-    }
-    return hash;
-}
-
 QString lockFileForRoot(const QString &root) {
     QString folder = qEnvironmentVariable("XDG_RUNTIME_DIR");
     if (folder.isEmpty())
@@ -161,7 +153,7 @@ QString lockFileForRoot(const QString &root) {
     QDir().mkpath(folder);
     return QStringLiteral("%1/%2.lock")
         .arg(folder)
-        .arg(fnv1a(root.toUtf8()), 16, 16, QLatin1Char('0'));
+        .arg(HXFNV1a64(root.toUtf8()), 16, 16, QLatin1Char('0'));
 }
 
 QString rootForPath(const QString &path) {

@@ -6,6 +6,7 @@
 #include <QRandomGenerator>
 #include <QSet>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -15,7 +16,9 @@
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/xattr.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -89,7 +92,7 @@ HXError HXFileSystem::posixError(int code, const QString &path, const QString &d
 }
 
 bool HXFileSystem::writeNewFile(const QByteArray &data, const QString &path, mode_t mode,
-                                HXError *error) {
+                                HXError *error, bool sync) {
     const QByteArray name = encoded(path);
     auto failed = [&](int code, int fd) {
         if (fd >= 0)
@@ -118,10 +121,35 @@ bool HXFileSystem::writeNewFile(const QByteArray &data, const QString &path, mod
         bytes += written;
         remaining -= written;
     }
-    if (retrying([&] { return ::fsync(fd); }) != 0)
+    if (sync && retrying([&] { return ::fsync(fd); }) != 0)
         return failed(errno, fd);
     if (::close(fd) != 0)
         return failed(errno, -1);
+    return true;
+}
+
+bool HXFileSystem::syncItems(const QStringList &paths, HXError *error) {
+    // A few workers take the items in turn; this thread is one of them.
+    std::vector<int> results(size_t(paths.size()), 0);
+    std::atomic<qsizetype> next = 0;
+    auto work = [&] {
+        for (qsizetype index; (index = next++) < paths.size();)
+            results[size_t(index)] = syncItem(paths.at(index)) ? 0 : (errno ? errno : EIO);
+    };
+    std::vector<std::thread> helpers;
+    for (qsizetype count = 1; count < std::min<qsizetype>(paths.size(), 8); ++count)
+        helpers.emplace_back(work);
+    work();
+    for (std::thread &helper : helpers)
+        helper.join();
+    for (qsizetype index = 0; index < paths.size(); ++index) {
+        if (results[size_t(index)] != 0) {
+            HXSetError(error,
+                       posixError(results[size_t(index)], paths.at(index),
+                                  QStringLiteral("“%1” couldn’t be saved.").arg(paths.at(index))));
+            return false;
+        }
+    }
     return true;
 }
 

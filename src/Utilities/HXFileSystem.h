@@ -38,7 +38,7 @@ public:
     // Makes a new file (never replacing one) with the bytes and syncs it; on failure nothing is
     // left at the path.
     static bool writeNewFile(const QByteArray &data, const QString &path, mode_t mode,
-                             HXError *error);
+                             HXError *error, bool sync = true);
 
     // Swaps two items in one step. Where the file system refuses an exchange, the first is moved
     // aside to a hidden name, the second into place, and the first to the second's old name.
@@ -50,6 +50,9 @@ public:
     // fsync of a file or folder; of the folder that holds an item.
     static bool syncItem(const QString &path);
     static bool syncParentFolder(const QString &path);
+    // fsync of several items at once, so that their flushes overlap; false with the error of
+    // the first that fails.
+    static bool syncItems(const QStringList &paths, HXError *error);
     // Makes a folder with its parents, syncing each new one's parent.
     static bool makeFolder(const QString &path, HXError *error);
 

@@ -111,8 +111,8 @@ bool HXFileWrapper::hasSameContentsAs(const HXFileWrapper &other) const {
 }
 
 // A file of a new package: a hard link to its unchanged source, or written and synced.
-bool HXFileWrapper::writeNewFile(const QString &path, const QString &package,
-                                 HXError *error) const {
+bool HXFileWrapper::writeNewFile(const QString &path, const QString &package, HXError *error,
+                                 QStringList *unsynced) const {
     const QByteArray name = QFile::encodeName(path);
     // Only the package being replaced shares files with its new self: a copy elsewhere must not
     // change when this one's files do.
@@ -120,13 +120,16 @@ bool HXFileWrapper::writeNewFile(const QString &path, const QString &package,
     if (!source.isEmpty() && !package.isEmpty() && source.startsWith(package + u'/') &&
         ::link(QFile::encodeName(source).constData(), name.constData()) == 0)
         return true;
-    return HXFileSystem::writeNewFile(m_contents, path, 0644, error);
+    if (!HXFileSystem::writeNewFile(m_contents, path, 0644, error, false))
+        return false;
+    unsynced->append(path);
+    return true;
 }
 
-bool HXFileWrapper::writeTreeToPath(const QString &path, const QString &package,
-                                    HXError *error) const {
+bool HXFileWrapper::writeTreeToPath(const QString &path, const QString &package, HXError *error,
+                                    QStringList *unsynced) const {
     if (!m_isDirectory)
-        return writeNewFile(path, package, error);
+        return writeNewFile(path, package, error, unsynced);
     if (::mkdir(QFile::encodeName(path).constData(), 0755) != 0) {
         HXSetError(error,
                    HXFileSystem::posixError(
@@ -134,15 +137,10 @@ bool HXFileWrapper::writeTreeToPath(const QString &path, const QString &package,
         return false;
     }
     for (auto it = m_children.cbegin(); it != m_children.cend(); ++it) {
-        if (!it.value()->writeTreeToPath(path + u'/' + it.key(), package, error))
+        if (!it.value()->writeTreeToPath(path + u'/' + it.key(), package, error, unsynced))
             return false;
     }
-    if (!HXFileSystem::syncItem(path)) {
-        HXSetError(error, HXFileSystem::posixError(
-                              errno, path,
-                              QStringLiteral("The folder “%1” couldn’t be saved.").arg(path)));
-        return false;
-    }
+    unsynced->append(path);
     return true;
 }
 
@@ -160,7 +158,10 @@ bool HXFileWrapper::writeToPath(const QString &path, HXError *error, QString *ba
     if (HXFileIdentity::ofPath(path).exists)
         HXFileSystem::removeStaleSiblings(path, newTag);
     const QString beside = HXFileSystem::hiddenSiblingPath(path, newTag);
-    if (!writeTreeToPath(beside, QFileInfo(path).absoluteFilePath(), error)) {
+    // Everything is written first and synced together, so that the flushes overlap.
+    QStringList unsynced;
+    if (!writeTreeToPath(beside, QFileInfo(path).absoluteFilePath(), error, &unsynced) ||
+        !HXFileSystem::syncItems(unsynced, error)) {
         HXFileSystem::removeItem(beside, nullptr);
         return false;
     }
@@ -174,12 +175,14 @@ bool HXFileWrapper::writeToPath(const QString &path, HXError *error, QString *ba
             HXFileSystem::removeItem(beside, nullptr);
             return false;
         }
-        // `beside` now holds the old package.
-        HXFileSystem::syncParentFolder(path);
-        if (backupPath)
+        // `beside` now holds the old package. A caller that keeps it syncs the folder itself
+        // before it lets the old package go.
+        if (backupPath) {
             *backupPath = beside;
-        else
+        } else {
+            HXFileSystem::syncParentFolder(path);
             HXFileSystem::removeItem(beside, nullptr);
+        }
         return true;
     }
     if (!HXFileSystem::moveItem(beside, path, false, error)) {

@@ -41,8 +41,9 @@ public:
     bool hasSameContentsAs(const HXFileWrapper &other) const;
 
     // Writes the file or package over whatever is at the path. With `backupPath` a replaced
-    // package is kept at the hidden path given there, for the caller to remove once the save is
-    // confirmed; without, it is removed at once. On failure the old item is untouched.
+    // package is kept at the hidden path given there, and the folder that holds the package is
+    // not synced: the caller syncs it, then removes the old package. Without, both happen here. On
+    // failure the old item is untouched.
     bool writeToPath(const QString &path, HXError *error, QString *backupPath = nullptr) const;
     // The file on disk this wrapper was read from, when it still holds the same bytes.
     QString unchangedSourcePath() const;
@@ -51,8 +52,12 @@ public:
 
 private:
     // `package` is the final path of the package being written, whose old files may be linked.
-    bool writeTreeToPath(const QString &path, const QString &package, HXError *error) const;
-    bool writeNewFile(const QString &path, const QString &package, HXError *error) const;
+    // Writes the tree; what still needs an fsync goes to `unsynced`, children before their
+    // folder.
+    bool writeTreeToPath(const QString &path, const QString &package, HXError *error,
+                         QStringList *unsynced) const;
+    bool writeNewFile(const QString &path, const QString &package, HXError *error,
+                      QStringList *unsynced) const;
 
     bool m_isDirectory = false;
     QString m_preferredFilename;

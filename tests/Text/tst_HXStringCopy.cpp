@@ -5,6 +5,7 @@
 #include "HXTestSupport.h"
 #include "HXTextTestSupport.h"
 #include "Text/String/Access/HXAtomicString.h"
+#include "Text/String/Access/HXStringSnapshot.h"
 #include "Text/String/Access/HXStringXML.h"
 #include "Utilities/HXFileWrapper.h"
 
@@ -83,6 +84,7 @@ private Q_SLOTS:
     void losses();
     void lockedStrings();
     void randomCopies();
+    void snapshotsInSlices();
 };
 
 void tst_HXStringCopy::separator_data() {
@@ -293,6 +295,38 @@ void tst_HXStringCopy::randomCopies() {
             qWarning() << "copying" << sourceText << "into" << targetText << "with" << options;
             return;
         }
+    }
+}
+
+void tst_HXStringCopy::snapshotsInSlices() {
+    // Edits of every kind between the slices, anywhere in the text: the copy is the whole
+    // string as it stood at the last slice, structure included.
+    static const QStringList pieces{u"w "_s,  u"*e* "_s, u"\n"_s, u"# "_s, u"- "_s,
+                                    u"`c`"_s, u"\n\n"_s, u"**"_s, u"x"_s,  u"\n1. "_s};
+    QRandomGenerator random(17);
+    auto piece = [&] { return pieces.at(qsizetype(random.bounded(quint32(pieces.size())))); };
+    for (int round = 0; round < 200; ++round) {
+        const auto string =
+            HXAtomicString::stringWithMarkup(random.bounded(2) ? markup() : markdown());
+        QString text;
+        for (int i = int(random.bounded(400)); i > 0; --i)
+            text += piece();
+        string->setString(text);
+        const auto copy =
+            HXStringSnapshot::copyInSlices(*string, 1 + qsizetype(random.bounded(6)), [&] {
+                for (int edits = int(random.bounded(3)); edits > 0; --edits) {
+                    const quint64 length = string->length();
+                    const quint64 at = random.bounded(quint32(length + 1));
+                    const quint64 count = std::min<quint64>(random.bounded(8), length - at);
+                    if (random.bounded(10) == 0)
+                        string->setString(piece() + piece());
+                    else
+                        string->replaceCharactersInRange(HXRange{at, count},
+                                                         HXReplacement(piece()));
+                }
+            });
+        QVERIFY(copy->isEqualToChunkString(*string->copy()));
+        copy->checkInvariants();
     }
 }
 

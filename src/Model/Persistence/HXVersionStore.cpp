@@ -2,6 +2,7 @@
 
 #include "Utilities/HXFileSystem.h"
 #include "Utilities/HXLocations.h"
+#include "Utilities/HXUniqueIdentifier.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -19,15 +20,6 @@ std::function<QString(const QString &)> libraryProvider;
 
 // Twenty characters, such as "20261123T190503.123Z".
 const QString nameFormat = QStringLiteral("yyyyMMdd'T'HHmmss.zzz'Z'");
-
-quint64 fnv1a64(const QByteArray &bytes) {
-    quint64 hash = 0xcbf29ce484222325ULL;
-    for (const char c : bytes) {
-        hash ^= quint8(c);
-        hash *= 0x100000001b3ULL;
-    }
-    return hash;
-}
 
 // A name in the store for a version of the date, with the item's extension; `attempt` tells
 // versions of one millisecond apart.
@@ -112,7 +104,7 @@ QString HXVersionStore::storeFolderForItem(const QString &itemPath) {
             library = libraryProvider(item.absoluteFilePath());
     }
     if (library.isEmpty()) {
-        library = QStringLiteral("%1").arg(fnv1a64(item.absolutePath().toUtf8()), 16, 16,
+        library = QStringLiteral("%1").arg(HXFNV1a64(item.absolutePath().toUtf8()), 16, 16,
                                            QLatin1Char('0'));
     }
     return HXLocations::applicationSupportPath() + QStringLiteral("/Versions/") + library + u'/' +

@@ -284,7 +284,9 @@ void HXDocument::notifyObservers(Property property) {
 void HXDocument::updateChangeDate() {
     {
         const std::lock_guard lock(m_mutex);
-        m_changeDate = QDateTime::currentDateTimeUtc();
+        // Each change has a date of its own, later than the last, even within a millisecond.
+        const QDateTime now = QDateTime::currentDateTimeUtc();
+        m_changeDate = m_changeDate.isValid() && now <= m_changeDate ? m_changeDate.addMSecs(1) : now;
         m_changeToken = QStringLiteral("l:") +
                         QString::number(QRandomGenerator::global()->generate(), 16).toUpper();
     }
@@ -710,7 +712,6 @@ void HXDocument::stampFileDate(const QString &url) {
         QThread::msleep(quint64(1000 - now % 1000));
         HXFileSystem::setModificationDate(url, QDateTime::currentDateTimeUtc());
     }
-    HXFileSystem::syncParentFolder(url);
 }
 
 bool HXDocument::writeSafelyToURL(const QString &url, int saveOperation, HXError *error) {
@@ -749,6 +750,7 @@ bool HXDocument::writeSafelyToURL(const QString &url, int saveOperation, HXError
         break;
     }
     if (keep) {
+        HXFileSystem::syncParentFolder(url);
         HXError failure;
         const QDateTime date = fileDate.isValid() ? fileDate : QDateTime::currentDateTimeUtc();
         if (!HXVersionStore::addVersionByMovingItem(url, backup, date, &failure)) {
@@ -757,7 +759,15 @@ bool HXDocument::writeSafelyToURL(const QString &url, int saveOperation, HXError
                 failure.localizedDescription());
         }
     }
-    HXFileSystem::removeItem(backup, nullptr);
+    // The exchange is made durable and the old state let go after the save has answered: until
+    // the folder is synced, the old package stays whole under its hidden name, and a crash
+    // before leaves it for the next save to clear.
+    if (HXFileIdentity::ofPath(backup).exists) {
+        HXDispatchQueue::globalQueue(HXDispatchQueue::Priority::Background)->async([url, backup] {
+            HXFileSystem::syncParentFolder(url);
+            HXFileSystem::removeItem(backup, nullptr);
+        });
+    }
     return true;
 }
 
@@ -905,6 +915,17 @@ void HXDocument::revertToContentsOfURL(const QString &url, CompletionHandler han
         self->notifyObservers(Property::ChangeDate);
         complete(handler, success);
     });
+}
+
+bool HXDocument::waitForCompletion(const std::function<void(CompletionHandler)> &step) {
+    std::binary_semaphore done(0);
+    bool result = false;
+    step([&](bool success) {
+        result = success;
+        done.release();
+    });
+    done.acquire();
+    return result;
 }
 
 void HXDocument::waitForInteractionQueue() {

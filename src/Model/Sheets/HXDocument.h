@@ -146,6 +146,9 @@ public:
     void revertToContentsOfURL(const QString &url, CompletionHandler handler);
     // Waits for the work queued so far.
     void waitForInteractionQueue();
+    // Runs one of the asynchronous steps above and waits for its answer, for programs without
+    // an event loop (the handler comes on a global queue, so this thread is free to wait).
+    static bool waitForCompletion(const std::function<void(CompletionHandler)> &step);
 
     // A save that failed and that no caller took the error of: shown at most once a minute
     // for the same unchanged state of an autosave.

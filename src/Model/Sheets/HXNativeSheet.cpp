@@ -11,6 +11,7 @@
 #include "Text/String/Access/HXStringSnapshot.h"
 #include "Text/String/Access/HXStringXML.h"
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXFileCoordinator.h"
 #include "Utilities/HXFileSystem.h"
 #include "Utilities/HXLocalizedString.h"
 #include "Utilities/HXUndoManager.h"
@@ -45,6 +46,12 @@ std::shared_ptr<HXNativeSheet> HXNativeSheet::sheetWithURL(const QString &url, b
 }
 
 void HXNativeSheet::setUp(std::shared_ptr<HXMarkup> markup) {
+    // A change anywhere inside a package is a change of the sheet.
+    static const bool registered = [] {
+        HXFileCoordinator::addPackagePathExtensions({pathExtension});
+        return true;
+    }();
+    Q_UNUSED(registered);
     const auto store = HXMarkupStore::globalStore();
     m_markup = markup ? std::move(markup) : store->defaultIntrinsicMarkup();
     m_text = HXAtomicString::stringWithMarkup(m_markup);
@@ -85,33 +92,29 @@ void HXNativeSheet::breakUndoCoalescing() {
 // --- Markup -------------------------------------------------------------------------------------
 
 void HXNativeSheet::setMarkup(const std::shared_ptr<HXMarkup> &newMarkup) {
-    const auto old = markup();
-    if (newMarkup == old)
+    if (newMarkup == markup())
         return;
-    const std::shared_ptr<HXString> oldText = m_text->copy();
-    if (const auto undo = undoManager()) {
-        const std::weak_ptr<HXDocument> weak = weak_from_this();
-        undo->registerUndo([weak, old, oldText] {
-            if (const auto self = std::static_pointer_cast<HXNativeSheet>(weak.lock()))
-                self->setMarkupAndText(old, oldText);
-        });
+    registerUndoOfMarkupAndText();
+    if (const auto undo = undoManager())
         undo->setActionName(
             HXLocalizedString(QStringLiteral("ConvertMarkup"), QStringLiteral("HXNativeSheet")));
-    }
     convertToMarkup(newMarkup);
+}
+
+void HXNativeSheet::registerUndoOfMarkupAndText() {
+    const auto undo = undoManager();
+    if (!undo)
+        return;
+    const std::weak_ptr<HXDocument> weak = weak_from_this();
+    undo->registerUndo([weak, old = markup(), oldText = m_text->copy()] {
+        if (const auto self = std::static_pointer_cast<HXNativeSheet>(weak.lock()))
+            self->setMarkupAndText(old, oldText);
+    });
 }
 
 void HXNativeSheet::setMarkupAndText(const std::shared_ptr<HXMarkup> &newMarkup,
                                      const std::shared_ptr<HXString> &text) {
-    const auto old = markup();
-    const std::shared_ptr<HXString> oldText = m_text->copy();
-    if (const auto undo = undoManager()) {
-        const std::weak_ptr<HXDocument> weak = weak_from_this();
-        undo->registerUndo([weak, old, oldText] {
-            if (const auto self = std::static_pointer_cast<HXNativeSheet>(weak.lock()))
-                self->setMarkupAndText(old, oldText);
-        });
-    }
+    registerUndoOfMarkupAndText();
     const auto undo = m_text->undoManager();
     m_text->setUndoManager(nullptr);
     m_text->setToString(*text);

@@ -84,6 +84,8 @@ private:
     void setMarkupAndText(const std::shared_ptr<HXMarkup> &markup,
                           const std::shared_ptr<HXString> &text);
     void convertToMarkup(const std::shared_ptr<HXMarkup> &markup);
+    // Undo puts back the present markup and text.
+    void registerUndoOfMarkupAndText();
 
     std::shared_ptr<HXMarkup> m_markup;
     std::shared_ptr<HXAtomicString> m_text;
