@@ -314,7 +314,6 @@ bool HXNativeSheet::readerWillEndElement(HXXMLReaderContext *, HXError *) {
 // --- Writing ----------------------------------------------------------------------------------
 
 int HXNativeSheet::contentVersion() const {
-    const std::lock_guard lock(m_mutex);
     return noteAttachments().isEmpty() && fileAttachments().isEmpty() && !keywordsAttachment() &&
                    !countingGoal()
                ? 1

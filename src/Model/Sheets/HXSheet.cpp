@@ -212,9 +212,3 @@ void HXSheet::copyAttachmentsToSheet(HXSheet &target, bool mergeAttachments) con
                                      : nullptr);
     }
 }
-
-QString HXSheet::URLForSaveOperation(int saveOperation, bool ignoreCurrentName) const {
-    // A sheet in a library is named by its storage; that comes with the library. Alone, it keeps
-    // the name it has.
-    return HXDocument::URLForSaveOperation(saveOperation, ignoreCurrentName);
-}

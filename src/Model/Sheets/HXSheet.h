@@ -64,8 +64,6 @@ public:
     void splitSheetAtIndex(quint64 splitIndex, HXSheet &other);
     void copyAttachmentsToSheet(HXSheet &target, bool mergeAttachments) const;
 
-    QString URLForSaveOperation(int saveOperation, bool ignoreCurrentName) const override;
-
 protected:
     HXSheet() = default;
     std::shared_ptr<HXAttachmentOwner> attachmentOwner();
