@@ -1,13 +1,17 @@
 #include "Utilities/HXFileSystem.h"
 
+#include "Utilities/HXDispatchQueue.h"
+
 #include <QDir>
 #include <QFileInfo>
 #include <QHash>
 #include <QRandomGenerator>
 #include <QSet>
+#include <QThreadPool>
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -16,7 +20,6 @@
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/xattr.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -129,23 +132,51 @@ bool HXFileSystem::writeNewFile(const QByteArray &data, const QString &path, mod
 }
 
 bool HXFileSystem::syncItems(const QStringList &paths, HXError *error) {
-    // A few workers take the items in turn; this thread is one of them.
-    std::vector<int> results(size_t(paths.size()), 0);
-    std::atomic<qsizetype> next = 0;
-    auto work = [&] {
-        for (qsizetype index; (index = next++) < paths.size();)
-            results[size_t(index)] = syncItem(paths.at(index)) ? 0 : (errno ? errno : EIO);
+    // Helpers from the shared pool take the items in turn, and this thread is one of them. A
+    // helper the pool has not started yet is taken back rather than waited for, so a busy pool
+    // never holds a save up.
+    struct Work {
+        const QStringList &paths;
+        std::vector<int> results;
+        std::atomic<qsizetype> next = 0;
+        void run() {
+            for (qsizetype index; (index = next++) < paths.size();)
+                results[size_t(index)] = syncItem(paths.at(index)) ? 0 : (errno ? errno : EIO);
+        }
+    } work{paths, std::vector<int>(size_t(paths.size()), 0)};
+    struct Helper : QRunnable {
+        Work &work;
+        std::mutex mutex;
+        std::condition_variable condition;
+        bool finished = false;
+        explicit Helper(Work &w)
+            : work(w) {
+            setAutoDelete(false);
+        }
+        void run() override {
+            work.run();
+            const std::lock_guard lock(mutex);
+            finished = true;
+            condition.notify_all();
+        }
     };
-    std::vector<std::thread> helpers;
-    for (qsizetype count = 1; count < std::min<qsizetype>(paths.size(), 8); ++count)
-        helpers.emplace_back(work);
-    work();
-    for (std::thread &helper : helpers)
-        helper.join();
+    std::vector<std::unique_ptr<Helper>> helpers;
+    QThreadPool *const pool = HXDispatchQueue::threadPool();
+    for (qsizetype count = 1; count < std::min<qsizetype>(paths.size(), 8); ++count) {
+        helpers.push_back(std::make_unique<Helper>(work));
+        pool->start(helpers.back().get());
+    }
+    work.run();
+    for (const auto &helper : helpers) {
+        if (pool->tryTake(helper.get()))
+            continue;
+        std::unique_lock lock(helper->mutex);
+        helper->condition.wait(lock, [&] { return helper->finished; });
+    }
     for (qsizetype index = 0; index < paths.size(); ++index) {
-        if (results[size_t(index)] != 0) {
+        if (work.results[size_t(index)] != 0) {
             HXSetError(error,
-                       posixError(results[size_t(index)], paths.at(index),
+                       posixError(work.results[size_t(index)], paths.at(index),
                                   QStringLiteral("“%1” couldn’t be saved.").arg(paths.at(index))));
             return false;
         }
@@ -162,18 +193,8 @@ bool HXFileSystem::writeFileAtomically(const QByteArray &data, const QString &pa
     if (::stat(encoded(path).constData(), &old) != 0)
         old = {};
     const mode_t mode = old.st_ino != 0 ? old.st_mode & 07777 : 0644;
-    // What a writer that died left behind goes, once it is surely no live writer's; looked for
-    // once per file and run, since it means listing the folder.
-    {
-        static std::mutex mutex;
-        static QSet<QString> cleaned;
-        std::unique_lock lock(mutex);
-        if (!cleaned.contains(path)) {
-            cleaned.insert(path);
-            lock.unlock();
-            removeStaleSiblings(path, QStringLiteral("velmora-tmp"), 600);
-        }
-    }
+    // What a writer that died left behind goes, once it is surely no live writer's.
+    removeStaleSiblingsOnce(path, QStringLiteral("velmora-tmp"), 600);
     const QString temporary = hiddenSiblingPath(path, QStringLiteral("velmora-tmp"));
     HXError failure;
     if (!writeNewFile(data, temporary, mode, &failure)) {
@@ -311,6 +332,20 @@ void HXFileSystem::removeStaleSiblings(const QString &path, const QString &tag,
         if (now - identity.modificationTime / 1000000000 >= minimumAgeSeconds)
             removeItem(sibling, nullptr);
     }
+}
+
+void HXFileSystem::removeStaleSiblingsOnce(const QString &path, const QString &tag,
+                                           qint64 minimumAgeSeconds) {
+    static std::mutex mutex;
+    static QSet<QString> looked;
+    {
+        const std::lock_guard lock(mutex);
+        const QString key = tag + u'/' + path;
+        if (looked.contains(key))
+            return;
+        looked.insert(key);
+    }
+    removeStaleSiblings(path, tag, minimumAgeSeconds);
 }
 
 bool HXFileSystem::recoverInterruptedExchange(const QString &path) {

@@ -63,6 +63,10 @@ public:
     // Removes hidden siblings left by a writer that died: ".<name>.<tag>-*" at least that old.
     static void removeStaleSiblings(const QString &path, const QString &tag,
                                     qint64 minimumAgeSeconds = 0);
+    // The same, the first time it is asked for the path and tag in this run only: looking
+    // means listing the folder, too dear for every save.
+    static void removeStaleSiblingsOnce(const QString &path, const QString &tag,
+                                        qint64 minimumAgeSeconds = 0);
     // Puts back an item that an interrupted exchange left under its hidden name while nothing
     // has its name; true when it did.
     static bool recoverInterruptedExchange(const QString &path);

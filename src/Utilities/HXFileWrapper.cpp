@@ -156,7 +156,7 @@ bool HXFileWrapper::writeToPath(const QString &path, HXError *error, QString *ba
     HXFileSystem::recoverInterruptedExchange(path);
     // A new package beside a missing one may be all that is left of it: it stays then.
     if (HXFileIdentity::ofPath(path).exists)
-        HXFileSystem::removeStaleSiblings(path, newTag);
+        HXFileSystem::removeStaleSiblingsOnce(path, newTag);
     const QString beside = HXFileSystem::hiddenSiblingPath(path, newTag);
     // Everything is written first and synced together, so that the flushes overlap.
     QStringList unsynced;

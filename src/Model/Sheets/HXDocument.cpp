@@ -286,7 +286,8 @@ void HXDocument::updateChangeDate() {
         const std::lock_guard lock(m_mutex);
         // Each change has a date of its own, later than the last, even within a millisecond.
         const QDateTime now = QDateTime::currentDateTimeUtc();
-        m_changeDate = m_changeDate.isValid() && now <= m_changeDate ? m_changeDate.addMSecs(1) : now;
+        m_changeDate =
+            m_changeDate.isValid() && now <= m_changeDate ? m_changeDate.addMSecs(1) : now;
         m_changeToken = QStringLiteral("l:") +
                         QString::number(QRandomGenerator::global()->generate(), 16).toUpper();
     }
@@ -656,8 +657,11 @@ bool HXDocument::performSave(const QString &target, int saveOperation, HXError *
 bool HXDocument::coordinatedSaveToURL(const QString &url, int saveOperation, HXError *error) {
     const QString notedToken = changeToken();
     const QString previous = fileURL();
+    // A package saved in place keeps its creation date by itself; one saved elsewhere takes it.
     const QDateTime created =
-        previous.isEmpty() ? QDateTime() : HXFileSystem::creationDate(previous);
+        previous.isEmpty() || HXFileCoordinator::standardizedPath(previous) == url
+            ? QDateTime()
+            : HXFileSystem::creationDate(previous);
     if (!writeSafelyToURL(url, saveOperation, error)) {
         breakUndoCoalescing();
         return false;

@@ -11,6 +11,7 @@
 #include "Text/String/Access/HXStringSnapshot.h"
 #include "Text/String/Access/HXStringXML.h"
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXDispatchQueue.h"
 #include "Utilities/HXFileCoordinator.h"
 #include "Utilities/HXFileSystem.h"
 #include "Utilities/HXLocalizedString.h"
@@ -384,5 +385,8 @@ HXFileWrapperRef HXNativeSheet::fileWrapperWithError(HXError *error) {
                    HXFileWrapper::regularFileWithContents(text->string().toUtf8(), textFilename));
     if (const HXFileWrapperRef media = context.fileWrapperRepresentation())
         entries.insert(mediaFilename, media);
+    // The copy of the text is let go off the saving thread: freeing a long text takes a while.
+    HXDispatchQueue::globalQueue(HXDispatchQueue::Priority::Background)->async([text] {});
+    text.reset();
     return HXFileWrapper::directoryWithFileWrappers(entries, preferredFilename());
 }

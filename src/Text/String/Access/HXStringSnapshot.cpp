@@ -65,7 +65,8 @@ HXStringSnapshot::copyInSlices(HXMutableString &string, qsizetype paragraphsPerS
                                           [&](const HXChunk &chunk, HXRange range, bool &stop) {
                                               tracker->paragraphs.push_back(chunk.copy());
                                               tracker->ends.push_back(range.max());
-                                              stop = ++copied >= paragraphsPerSlice;
+                                              stop = ++copied >= paragraphsPerSlice ||
+                                                     range.max() - from >= charactersPerSlice;
                                           });
             done = tracker->copiedLength() == length;
             if (done) {
