@@ -336,6 +336,21 @@ HXCommandLineTool::HXCommandLineTool() {
                         "text; adds a note, a file, keywords or sets the goal (TYPE is close_to, "
                         "at_least or at_most); lists the versions kept of it, newest first."),
          HXSheetCommand});
+    m_commands.append(
+        {QStringLiteral("library"),
+         QStringLiteral("library init [LIB]\n  library tree [LIB] [--json]\n"
+                        "  library add-group LIB PARENT NAME\n"
+                        "  library add-sheet LIB PARENT [TEXT-FILE]\n"
+                        "  library rename LIB ITEM NAME\n  library reorder LIB ITEM INDEX\n"
+                        "  library cluster LIB SHEET SHEET…\n  library watch [LIB]"),
+         QStringLiteral("A library of groups and sheets (LIB defaults to the local library): "
+                        "makes or completes one; writes its tree, or with --json one object per "
+                        "container; adds a group or a sheet (printing its file name); renames a "
+                        "container; moves an item to an index in its group; joins sheets into "
+                        "one cluster in the order given; prints one JSON line per change of the "
+                        "tree until interrupted. PARENT and ITEM are a path of names from the "
+                        "root (\"Library/Novel\") or a file name."),
+         HXLibraryCommand});
 }
 
 int HXCommandLineTool::run(const QStringList &arguments) {

@@ -47,5 +47,8 @@ private:
 // velmora-cli markups …: the user's markup store.
 int HXMarkupsCommand(const QStringList &arguments);
 
+// velmora-cli library …: a library's tree.
+int HXLibraryCommand(const QStringList &arguments);
+
 // velmora-cli sheet …: one sheet package.
 int HXSheetCommand(const QStringList &arguments);

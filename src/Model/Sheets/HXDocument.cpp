@@ -400,8 +400,11 @@ void HXDocument::unsetAutosaveToken() {
 // --- Change tokens --------------------------------------------------------------------------
 
 QString HXDocument::changeTokenForItemAtURL(const QString &url) const {
+    return changeTokenForItemAtURL(url, changeTokenContentFilename());
+}
+
+QString HXDocument::changeTokenForItemAtURL(const QString &url, const QString &content) {
     FileTime time = modificationTimeOf(url);
-    const QString content = changeTokenContentFilename();
     if (time.valid && !content.isEmpty()) {
         const FileTime inner = modificationTimeOf(url + u'/' + content);
         if (inner.valid && inner.nanoseconds > time.nanoseconds)

@@ -132,6 +132,8 @@ public:
     // The token of a file's state: "1|" and its modification time, the later of the package's
     // and its content file's; "e:..." when that can't be read, equal to nothing.
     QString changeTokenForItemAtURL(const QString &url) const;
+    // The same for any package or file, with the name of the file inside that dates the content.
+    static QString changeTokenForItemAtURL(const QString &url, const QString &contentFilename);
 
     // --- File work, on the interaction queue; handlers on a global queue --------------------
     void openWithCompletionHandler(CompletionHandler handler);

@@ -4,9 +4,16 @@
 #include "Model/Attachments/HXFileAttachment.h"
 #include "Model/Attachments/HXKeywordsAttachment.h"
 #include "Model/Attachments/HXNoteAttachment.h"
+#include "Model/StorageTree/HXSheetHandle.h"
 #include "Text/String/Access/HXAtomicString.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXUndoManager.h"
+
+HXSheet::~HXSheet() {
+    // The handle takes its dates from the file again.
+    if (const auto handle = m_handle.lock())
+        handle->sheetWillDeallocate(this);
+}
 
 std::shared_ptr<HXSheetHandle> HXSheet::handle() const {
     return m_handle.lock();

@@ -21,6 +21,7 @@ class HXSheetHandle;
 // loading one (from a file, or a copy) does not.
 class HXSheet : public HXDocument, public HXAttachmentOwner {
 public:
+    ~HXSheet() override;
     using NoteList = QList<std::shared_ptr<HXNoteAttachment>>;
     using FileList = QList<std::shared_ptr<HXFileAttachment>>;
 

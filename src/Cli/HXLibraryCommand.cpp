@@ -1,0 +1,462 @@
+#include "Cli/HXCommandLineTool.h"
+#include "Model/Persistence/HXLibrary.h"
+#include "Model/Persistence/HXNativeGroup.h"
+#include "Model/Sheets/HXNativeSheet.h"
+#include "Model/StorageTree/HXGroup.h"
+#include "Model/StorageTree/HXSheetHandle.h"
+#include "Text/Markup/HXMarkup.h"
+#include "Text/String/Access/HXAtomicString.h"
+#include "Utilities/HXFileCoordinator.h"
+#include "Utilities/HXFileSystem.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSocketNotifier>
+
+#include <csignal>
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+using Library = std::shared_ptr<HXLibrary>;
+
+QString kindName(const HXContainerRef &container) {
+    switch (container->kind()) {
+    case HXContainerKind::Filter:
+        return QStringLiteral("filter");
+    case HXContainerKind::Trash:
+        return QStringLiteral("trash");
+    default:
+        return QStringLiteral("group");
+    }
+}
+
+// The library at the path, or at the local library's place; null after reporting why.
+Library openLibrary(const QString &given, bool creating, int *status) {
+    const QString path = HXFileCoordinator::standardizedPath(
+        given.isEmpty() ? HXLibrary::localLibraryPath() : given);
+    const bool exists = HXFileIdentity::ofPath(path).exists;
+    if (!creating) {
+        if (!exists || !(HXFileIdentity::ofPath(path + QStringLiteral("/Root.plist")).exists ||
+                         HXFileIdentity::ofPath(path + u'/' + HXLibrary::mainGroupName).exists)) {
+            *status = HXCommandLineTool::fail(QStringLiteral("%1: not a library").arg(path));
+            return nullptr;
+        }
+    } else if (exists && !HXFileIdentity::ofPath(path).isDirectory) {
+        *status = HXCommandLineTool::fail(QStringLiteral("%1: not a folder").arg(path));
+        return nullptr;
+    }
+    const QString identifier =
+        path == HXFileCoordinator::standardizedPath(HXLibrary::localLibraryPath())
+            ? HXLibrary::localIdentifier
+            : path;
+    const Library library = HXLibrary::libraryAtURL(path, identifier);
+    if (library->isInvalid()) {
+        *status = HXCommandLineTool::fail(QStringLiteral("%1: can't be read").arg(path));
+        return nullptr;
+    }
+    // A damaged info file is named, and nothing is written over it.
+    const QString root = library->infoFileURL();
+    if (HXFileIdentity::ofPath(root).exists && library->isReadingInfoFile()) {
+        *status = HXCommandLineTool::fail(QStringLiteral("%1: damaged info file").arg(root));
+        return nullptr;
+    }
+    QList<HXContainerRef> containers{library->rootGroup()};
+    containers.append(library->rootGroup()->descendantContainers());
+    for (const HXContainerRef &container : containers) {
+        if (container->isReadingInfoFile()) {
+            *status = HXCommandLineTool::fail(
+                QStringLiteral("%1: damaged info file").arg(container->infoFileURL()));
+            return nullptr;
+        }
+    }
+    return library;
+}
+
+// A sheet's first line of text, without tags, at most 60 characters.
+QString titleOfSheet(const QString &url) {
+    const auto sheet = HXNativeSheet::sheetWithURL(url, true);
+    if (!HXDocument::waitForCompletion([&](auto done) { sheet->openWithCompletionHandler(done); }))
+        return {};
+    QString title;
+    const auto text = sheet->text();
+    text->read([&] {
+        if (text->length() == 0)
+            return;
+        if (const auto paragraph = text->paragraphAtIndex(0))
+            title = paragraph->stringByRemovingObjectsAndTags();
+    });
+    title = title.section(u'\n', 0, 0).trimmed();
+    if (title.size() > 60)
+        title.truncate(title.at(59).isHighSurrogate() ? 59 : 60);
+    return title;
+}
+
+QJsonObject treeObject(const HXContainerRef &container) {
+    QJsonObject object{{QStringLiteral("kind"), kindName(container)},
+                       {QStringLiteral("file"), container->filename()},
+                       {QStringLiteral("name"), container->displayName()}};
+    QJsonArray children;
+    for (const HXContainerRef &child : container->containers())
+        children.append(treeObject(child));
+    object.insert(QStringLiteral("children"), children);
+    if (const auto group = std::dynamic_pointer_cast<HXGroup>(container)) {
+        QJsonArray clusters;
+        const auto handles = group->sheetHandles();
+        for (quint64 index = 0; index < quint64(handles.size());) {
+            const HXRange range = group->clusterRangeForSheetHandleIndex(index);
+            const quint64 length = std::max<quint64>(range.length, 1);
+            QJsonArray cluster;
+            for (quint64 at = index; at < index + length && at < quint64(handles.size()); ++at) {
+                const auto &handle = handles.at(qsizetype(at));
+                cluster.append(QJsonObject{{QStringLiteral("file"), handle->filename()},
+                                           {QStringLiteral("title"), titleOfSheet(handle->URL())}});
+            }
+            clusters.append(cluster);
+            index += length;
+        }
+        object.insert(QStringLiteral("clusters"), clusters);
+    }
+    return object;
+}
+
+void printTree(const HXContainerRef &container, int depth) {
+    const QString indent(depth * 2, u' ');
+    std::printf("%s%s (%s)\n", qPrintable(indent), qPrintable(container->displayName()),
+                qPrintable(container->filename()));
+    if (const auto group = std::dynamic_pointer_cast<HXGroup>(container)) {
+        const auto handles = group->sheetHandles();
+        for (qsizetype index = 0; index < handles.size(); ++index) {
+            const HXRange range = group->clusterRangeForSheetHandleIndex(quint64(index));
+            const bool joined = range.length > 1 && quint64(index) != range.location;
+            std::printf("%s  %s %s  %s\n", qPrintable(indent), joined ? "+" : "-",
+                        qPrintable(handles.at(index)->filename()),
+                        qPrintable(titleOfSheet(handles.at(index)->URL())));
+        }
+    }
+    for (const HXContainerRef &child : container->containers())
+        printTree(child, depth + 1);
+}
+
+// Whether a path component names the node: its display name, its file name, or the file name
+// without the kind's suffix ("Groups" for "Groups-hxgroup").
+bool names(const QString &component, const HXStorageItemRef &item) {
+    const QString file = item->filename();
+    if (component == file || component == file.section(u'-', 0, -2))
+        return true;
+    return item->isContainer() &&
+           std::static_pointer_cast<HXContainer>(item)->displayName() == component;
+}
+
+HXStorageItemRef resolve(const Library &library, const QString &given, int *status) {
+    const auto root = library->rootGroup();
+    QList<HXContainerRef> containers{root};
+    containers.append(root->descendantContainers());
+    if (!given.contains(u'/')) {
+        // A file name anywhere in the library.
+        for (const HXContainerRef &container : containers) {
+            if (container->filename() == given)
+                return container;
+            for (const auto &handle : container->sheetHandles()) {
+                if (handle->filename() == given)
+                    return handle;
+            }
+        }
+    }
+    HXStorageItemRef at = root;
+    for (const QString &component : given.split(u'/', Qt::SkipEmptyParts)) {
+        const auto container = std::dynamic_pointer_cast<HXContainer>(at);
+        QList<HXStorageItemRef> found;
+        if (container) {
+            for (const HXContainerRef &child : container->containers()) {
+                if (names(component, child))
+                    found.append(child);
+            }
+            for (const auto &handle : container->sheetHandles()) {
+                if (names(component, handle))
+                    found.append(handle);
+            }
+        }
+        if (found.size() > 1) {
+            *status = HXCommandLineTool::fail(QStringLiteral("%1: ambiguous: “%2” names %3 items")
+                                                  .arg(given, component)
+                                                  .arg(found.size()));
+            return nullptr;
+        }
+        if (found.isEmpty()) {
+            *status = HXCommandLineTool::fail(QStringLiteral("%1: no such item").arg(given));
+            return nullptr;
+        }
+        at = found.first();
+    }
+    return at;
+}
+
+std::shared_ptr<HXGroup> resolveGroup(const Library &library, const QString &given, int *status) {
+    const auto item = resolve(library, given, status);
+    if (!item)
+        return nullptr;
+    const auto group = std::dynamic_pointer_cast<HXGroup>(item);
+    if (!group)
+        *status = HXCommandLineTool::fail(QStringLiteral("%1: not a group").arg(given));
+    return group;
+}
+
+int finish(const Library &library) {
+    library->writePendingInfoFiles();
+    library->writeInfoFile();
+    return 0;
+}
+
+// Moves the item inside its group so that it ends at the index.
+void moveWithinGroup(const std::shared_ptr<HXGroup> &group, const HXStorageItemRef &item,
+                     quint64 index) {
+    if (item->isContainer()) {
+        const auto list = group->containers();
+        const qsizetype current = list.indexOf(std::static_pointer_cast<HXContainer>(item));
+        const quint64 target = current >= 0 && index >= quint64(current) ? index + 1 : index;
+        const auto sentinels = group->sentinelsForInsertingContainers(
+            1, target >= quint64(list.size()) ? HXNotFound : target);
+        group->substituteContainerSentinel(sentinels.first(), item->filename());
+    } else {
+        const auto handle = std::static_pointer_cast<HXSheetHandle>(item);
+        const auto list = group->sheetHandles();
+        const qsizetype current = list.indexOf(handle);
+        const quint64 target = current >= 0 && index >= quint64(current) ? index + 1 : index;
+        const auto sentinels = group->sentinelsForInsertingSheetHandleClusters(
+            {1}, target >= quint64(list.size()) ? HXNotFound : target, {});
+        group->substituteSheetHandleSentinel(sentinels.first(), item->filename());
+    }
+}
+
+int init(const QStringList &arguments) {
+    if (arguments.size() > 1)
+        return HXCommandLineTool::fail(QStringLiteral("library init: expected [LIB]"));
+    int status = 0;
+    const Library library = openLibrary(arguments.value(0), true, &status);
+    if (!library)
+        return status;
+    return finish(library);
+}
+
+int tree(QStringList arguments) {
+    const bool json = arguments.removeAll(QStringLiteral("--json")) > 0;
+    if (arguments.size() > 1)
+        return HXCommandLineTool::fail(QStringLiteral("library tree: expected [LIB] [--json]"));
+    int status = 0;
+    const Library library = openLibrary(arguments.value(0), false, &status);
+    if (!library)
+        return status;
+    if (json) {
+        std::fputs(QJsonDocument(treeObject(library->rootGroup())).toJson().constData(), stdout);
+    } else {
+        printTree(library->rootGroup(), 0);
+    }
+    return 0;
+}
+
+int addGroup(const QStringList &arguments) {
+    if (arguments.size() != 3)
+        return HXCommandLineTool::fail(
+            QStringLiteral("library add-group: expected LIB PARENT NAME"));
+    int status = 0;
+    const Library library = openLibrary(arguments.at(0), false, &status);
+    if (!library)
+        return status;
+    const auto parent = resolveGroup(library, arguments.at(1), &status);
+    if (!parent)
+        return status;
+    if (!(parent->operationForCreatingContainerOfKind(HXContainerKind::Group) & 3))
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: can't hold groups").arg(arguments.at(1)));
+    const QString filename = library->filenameForPreferredFilename(
+        library->preferredFilenameForContainerOfKind(HXStorageItemKind::Group), {}, parent);
+    const auto prototype = library->newContainer(HXStorageItemKind::Group, filename);
+    prototype->setDisplayName(arguments.at(2));
+    const QString url = parent->URL() + u'/' + filename;
+    HXError error;
+    bool created = false;
+    HXFileCoordinator coordinator;
+    coordinator.coordinateWritingItemAtURL(url, 0, &error, [&](const QString &path) {
+        created = HXNativeStorage::createContainerAtURL(path, prototype, &error);
+    });
+    if (!created)
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: %2").arg(url, error.localizedDescription()));
+    library->storageItemDidAppearAtURL(url);
+    parent->saveMetadataIfNeeded();
+    return finish(library);
+}
+
+int addSheet(const QStringList &arguments) {
+    if (arguments.size() < 2 || arguments.size() > 3)
+        return HXCommandLineTool::fail(
+            QStringLiteral("library add-sheet: expected LIB PARENT [TEXT-FILE]"));
+    int status = 0;
+    const Library library = openLibrary(arguments.at(0), false, &status);
+    if (!library)
+        return status;
+    const auto parent = resolveGroup(library, arguments.at(1), &status);
+    if (!parent)
+        return status;
+    if (!(parent->operationForCreatingSheet() & 3))
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: can't hold sheets").arg(arguments.at(1)));
+    QByteArray bytes;
+    QString failure;
+    if (!HXCommandLineTool::readInput(arguments.value(2), &bytes, &failure))
+        return HXCommandLineTool::fail(failure);
+    const auto sheet = std::static_pointer_cast<HXNativeSheet>(library->newSheetMatchingMarkup({}));
+    sheet->text()->replaceCharactersInRange(HXRange{0, 0}, HXReplacement(QString::fromUtf8(bytes)));
+    const QString filename =
+        library->filenameForPreferredFilename(library->preferredFilenameForSheet(), {}, parent);
+    const QString url = parent->URL() + u'/' + filename;
+    HXError error;
+    if (!sheet->saveToURL(url, HXDocument::SaveOperationSave, &error))
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: %2").arg(url, error.localizedDescription()));
+    library->storageItemDidAppearAtURL(url);
+    library->noteUseOfMarkup(sheet->markup());
+    parent->saveMetadataIfNeeded();
+    std::printf("%s\n", qPrintable(filename));
+    return finish(library);
+}
+
+int rename(const QStringList &arguments) {
+    if (arguments.size() != 3)
+        return HXCommandLineTool::fail(QStringLiteral("library rename: expected LIB ITEM NAME"));
+    int status = 0;
+    const Library library = openLibrary(arguments.at(0), false, &status);
+    if (!library)
+        return status;
+    const auto item = resolve(library, arguments.at(1), &status);
+    if (!item)
+        return status;
+    const auto container = std::dynamic_pointer_cast<HXContainer>(item);
+    if (!container || !container->allowsSettingDisplayName())
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: its name can't be changed").arg(arguments.at(1)));
+    container->setDisplayName(arguments.at(2));
+    return finish(library);
+}
+
+int reorder(const QStringList &arguments) {
+    bool valid = false;
+    const quint64 index = arguments.value(2).toULongLong(&valid);
+    if (arguments.size() != 3 || !valid)
+        return HXCommandLineTool::fail(QStringLiteral("library reorder: expected LIB ITEM INDEX"));
+    int status = 0;
+    const Library library = openLibrary(arguments.at(0), false, &status);
+    if (!library)
+        return status;
+    const auto item = resolve(library, arguments.at(1), &status);
+    if (!item)
+        return status;
+    const auto group = std::dynamic_pointer_cast<HXGroup>(item->parent());
+    if (!group)
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: can't be reordered").arg(arguments.at(1)));
+    moveWithinGroup(group, item, index);
+    group->saveMetadataIfNeeded();
+    return finish(library);
+}
+
+int cluster(const QStringList &arguments) {
+    if (arguments.size() < 3)
+        return HXCommandLineTool::fail(
+            QStringLiteral("library cluster: expected LIB SHEET SHEET…"));
+    int status = 0;
+    const Library library = openLibrary(arguments.at(0), false, &status);
+    if (!library)
+        return status;
+    QList<std::shared_ptr<HXSheetHandle>> handles;
+    for (const QString &given : arguments.mid(1)) {
+        const auto handle =
+            std::dynamic_pointer_cast<HXSheetHandle>(resolve(library, given, &status));
+        if (!handle)
+            return status ? status
+                          : HXCommandLineTool::fail(QStringLiteral("%1: not a sheet").arg(given));
+        if (handles.contains(handle))
+            return HXCommandLineTool::fail(QStringLiteral("%1: named twice").arg(given));
+        handles.append(handle);
+    }
+    const auto group = std::dynamic_pointer_cast<HXGroup>(handles.first()->parent());
+    for (const auto &handle : handles) {
+        if (handle->parent() != group || !group)
+            return HXCommandLineTool::fail(
+                QStringLiteral("%1: not in the group of the first sheet").arg(handle->filename()));
+    }
+    // The sheets follow the first one, in the order given, and become one cluster.
+    for (qsizetype at = 1; at < handles.size(); ++at) {
+        const qsizetype previous = group->sheetHandles().indexOf(handles.at(at - 1));
+        const qsizetype current = group->sheetHandles().indexOf(handles.at(at));
+        moveWithinGroup(group, handles.at(at),
+                        quint64(current > previous ? previous + 1 : previous));
+    }
+    const qsizetype first = group->sheetHandles().indexOf(handles.first());
+    group->setClustered(true, HXRange{quint64(first), quint64(handles.size())});
+    group->saveMetadataIfNeeded();
+    return finish(library);
+}
+
+int watch(const QStringList &arguments) {
+    if (arguments.size() > 1)
+        return HXCommandLineTool::fail(QStringLiteral("library watch: expected [LIB]"));
+    int status = 0;
+    const Library library = openLibrary(arguments.value(0), false, &status);
+    if (!library)
+        return status;
+    library->addTreeObserver([](const HXTreeChange &change) {
+        QJsonObject line{
+            {QStringLiteral("change"), HXTreeChange::kindName(change.kind)},
+            {QStringLiteral("file"), change.item ? change.item->filename() : QString()},
+            {QStringLiteral("parent"), change.parent ? change.parent->filename() : QString()}};
+        if (change.kind == HXTreeChange::Renamed)
+            line.insert(QStringLiteral("old"), change.oldFilename);
+        std::fputs(QJsonDocument(line).toJson(QJsonDocument::Compact).constData(), stdout);
+        std::fputc('\n', stdout);
+        std::fflush(stdout);
+    });
+    // Interrupted by a signal: leave the loop so that pending writes are made.
+    static int pipe[2];
+    if (::pipe(pipe) == 0) {
+        std::signal(SIGINT, [](int) { (void)!::write(pipe[1], "x", 1); });
+        std::signal(SIGTERM, [](int) { (void)!::write(pipe[1], "x", 1); });
+        auto *notifier = new QSocketNotifier(pipe[0], QSocketNotifier::Read, qApp);
+        QObject::connect(notifier, &QSocketNotifier::activated, qApp, &QCoreApplication::quit);
+    }
+    std::fputs("{\"change\":\"ready\"}\n", stdout);
+    std::fflush(stdout);
+    QCoreApplication::exec();
+    return finish(library);
+}
+
+} // namespace
+
+int HXLibraryCommand(const QStringList &arguments) {
+    const QString command = arguments.value(0);
+    const QStringList rest = arguments.mid(1);
+    if (command == u"init")
+        return init(rest);
+    if (command == u"tree")
+        return tree(rest);
+    if (command == u"add-group")
+        return addGroup(rest);
+    if (command == u"add-sheet")
+        return addSheet(rest);
+    if (command == u"rename")
+        return rename(rest);
+    if (command == u"reorder")
+        return reorder(rest);
+    if (command == u"cluster")
+        return cluster(rest);
+    if (command == u"watch")
+        return watch(rest);
+    return HXCommandLineTool::fail(QStringLiteral(
+        "library: expected init, tree, add-group, add-sheet, rename, reorder, cluster or watch"));
+}
