@@ -207,9 +207,9 @@ std::shared_ptr<HXGroup> resolveGroup(const Library &library, const QString &giv
     return group;
 }
 
+// Info files wait a moment before they are written; a command that ends writes them now.
 int finish(const Library &library) {
     library->writePendingInfoFiles();
-    library->writeInfoFile();
     return 0;
 }
 
@@ -241,6 +241,9 @@ int init(const QStringList &arguments) {
     const Library library = openLibrary(arguments.value(0), true, &status);
     if (!library)
         return status;
+    // "Root.plist" marks the folder as a library, also before it has settings.
+    if (!HXFileIdentity::ofPath(library->infoFileURL()).exists)
+        library->writeInfoFile();
     return finish(library);
 }
 
@@ -430,8 +433,8 @@ int watch(const QStringList &arguments) {
         auto *notifier = new QSocketNotifier(pipe[0], QSocketNotifier::Read, qApp);
         QObject::connect(notifier, &QSocketNotifier::activated, qApp, &QCoreApplication::quit);
     }
-    std::fputs("{\"change\":\"ready\"}\n", stdout);
-    std::fflush(stdout);
+    // Standard output carries changes only; that the watch runs goes to standard error.
+    std::fputs("watching\n", stderr);
     QCoreApplication::exec();
     return finish(library);
 }

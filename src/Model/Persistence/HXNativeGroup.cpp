@@ -190,13 +190,8 @@ QVariantMap HXNativeGroup::infoFileContents(bool copy) const {
     if (!copy) {
         if (const QStringList order = persistentContainerOrder(); !order.isEmpty())
             contents.insert(childOrderKey, order);
-        const QList<QStringList> clusters = persistentSheetHandleClusters();
-        if (!clusters.isEmpty()) {
-            QVariantList list;
-            for (const QStringList &cluster : clusters)
-                list.append(cluster);
-            contents.insert(sheetClustersKey, list);
-        }
+        if (const QVariantList clusters = sheetClustersPropertyList(); !clusters.isEmpty())
+            contents.insert(sheetClustersKey, clusters);
     }
     return contents;
 }
@@ -222,8 +217,5 @@ void HXNativeGroup::setInfoFileContents(const QVariantMap &contents) {
         setCountingGoal(nullptr);
     }
     setPersistentContainerOrder(contents.value(childOrderKey).toStringList());
-    QList<QStringList> clusters;
-    for (const QVariant &cluster : contents.value(sheetClustersKey).toList())
-        clusters.append(cluster.toStringList());
-    setPersistentSheetHandleClusters(clusters);
+    setSheetClustersFromPropertyList(contents.value(sheetClustersKey));
 }

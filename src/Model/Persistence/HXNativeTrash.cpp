@@ -13,12 +13,8 @@ QVariantMap HXNativeTrash::infoFileContents(bool copy) const {
                          {QStringLiteral("childSources"), childSources()}};
     if (!containers().isEmpty())
         contents.insert(QStringLiteral("childOrder"), persistentContainerOrder());
-    if (!sheetHandles().isEmpty()) {
-        QVariantList list;
-        for (const QStringList &cluster : persistentSheetHandleClusters())
-            list.append(cluster);
-        contents.insert(QStringLiteral("sheetClusters"), list);
-    }
+    if (!sheetHandles().isEmpty())
+        contents.insert(QStringLiteral("sheetClusters"), sheetClustersPropertyList());
     return contents;
 }
 
@@ -26,8 +22,5 @@ void HXNativeTrash::setInfoFileContents(const QVariantMap &contents) {
     setSources(contents.value(QStringLiteral("sheetHandleSources")).toMap(),
                contents.value(QStringLiteral("childSources")).toMap());
     setPersistentContainerOrder(contents.value(QStringLiteral("childOrder")).toStringList());
-    QList<QStringList> clusters;
-    for (const QVariant &cluster : contents.value(QStringLiteral("sheetClusters")).toList())
-        clusters.append(cluster.toStringList());
-    setPersistentSheetHandleClusters(clusters);
+    setSheetClustersFromPropertyList(contents.value(QStringLiteral("sheetClusters")));
 }

@@ -123,11 +123,17 @@ void HXStorage::readFolder(const std::shared_ptr<HXContainer> &container) {
         names.append(QFile::decodeName(entry->d_name));
     }
     ::closedir(folder);
+    const auto group = std::dynamic_pointer_cast<HXGroup>(container);
     for (const QString &name : names) {
-        const QString child = url + u'/' + name;
-        if (itemAtURLLocked(child))
+        // Looked up by name in the group's sets: a scan of the children per entry would make
+        // opening a large group quadratic. A volume that ignores case needs the slower rule.
+        const bool known = group && m_caseSensitive
+                               ? group->containerSet().storageItemWithFilename(name) ||
+                                     group->sheetHandleSet().storageItemWithFilename(name)
+                               : itemAtURLLocked(url + u'/' + name) != nullptr;
+        if (known)
             continue;
-        const auto item = readItemAtURL(child);
+        const auto item = readItemInContainer(container, url + u'/' + name);
         if (item && item->isContainer())
             readFolder(std::static_pointer_cast<HXContainer>(item));
     }
@@ -164,12 +170,15 @@ void HXStorage::readContentsAtURL(const QString &url) {
 
 std::shared_ptr<HXStorageItem> HXStorage::readItemAtURL(const QString &url) {
     std::lock_guard lock(m_monitor);
-    const HXStorageItemKind kind = classForReadingItemAtURL(url);
-    if (kind == HXStorageItemKind::None)
-        return nullptr;
     const auto parent =
         std::dynamic_pointer_cast<HXContainer>(itemAtURLLocked(QFileInfo(url).path()));
-    if (!parent)
+    return parent ? readItemInContainer(parent, url) : nullptr;
+}
+
+std::shared_ptr<HXStorageItem> HXStorage::readItemInContainer(const HXContainerRef &parent,
+                                                              const QString &url) {
+    const HXStorageItemKind kind = classForReadingItemAtURL(url);
+    if (kind == HXStorageItemKind::None)
         return nullptr;
     const QString filename = QFileInfo(url).fileName();
     std::shared_ptr<HXStorageItem> item;

@@ -143,6 +143,9 @@ protected:
 
 private:
     void readFolder(const std::shared_ptr<HXContainer> &container);
+    // Reads the item at the path, known to lie in the container; the monitor is held.
+    std::shared_ptr<HXStorageItem> readItemInContainer(const HXContainerRef &parent,
+                                                       const QString &url);
     void setUpStaticContainers();
     void setUpSearchIndex() {}
 

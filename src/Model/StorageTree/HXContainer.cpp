@@ -235,10 +235,11 @@ void HXContainer::readInfoFile() {
                 return;
             }
             setInfoFileContents(contents.toMap());
+            // The first read is part of the container's arrival, not a change of it.
+            changed = m_infoModificationDate != 0;
             m_infoModificationDate = identity.modificationTime;
             m_isReadingInfoFile = false;
             m_shouldUpdateInfoFile = 0;
-            changed = true;
         });
     if (changed) {
         if (const auto storage = this->storage())
@@ -481,28 +482,23 @@ void HXContainer::notify(HXContainerKey key, bool prior) {
         parent->notify(key, prior);
 }
 
-void HXContainer::willChange(HXContainerKey key) {
-    notify(key, true);
-    if (key == HXContainerKey::Containers) {
-        notify(HXContainerKey::AllContainers, true);
-        notify(HXContainerKey::AllSheetHandles, true);
-        notify(HXContainerKey::AllLogicalSheetHandles, true);
-    } else if (key == HXContainerKey::SheetHandles) {
-        notify(HXContainerKey::AllSheetHandles, true);
-        notify(HXContainerKey::AllLogicalSheetHandles, true);
+void HXContainer::announce(HXContainerKey key, bool prior) {
+    if (!prior && key == HXContainerKey::Containers)
+        updateObservedChildren();
+    notify(key, prior);
+    // The aggregates follow the lists they are made of.
+    if (key == HXContainerKey::Containers)
+        notify(HXContainerKey::AllContainers, prior);
+    if (key == HXContainerKey::Containers || key == HXContainerKey::SheetHandles) {
+        notify(HXContainerKey::AllSheetHandles, prior);
+        notify(HXContainerKey::AllLogicalSheetHandles, prior);
     }
 }
 
+void HXContainer::willChange(HXContainerKey key) {
+    announce(key, true);
+}
+
 void HXContainer::didChange(HXContainerKey key) {
-    if (key == HXContainerKey::Containers)
-        updateObservedChildren();
-    notify(key, false);
-    if (key == HXContainerKey::Containers) {
-        notify(HXContainerKey::AllContainers, false);
-        notify(HXContainerKey::AllSheetHandles, false);
-        notify(HXContainerKey::AllLogicalSheetHandles, false);
-    } else if (key == HXContainerKey::SheetHandles) {
-        notify(HXContainerKey::AllSheetHandles, false);
-        notify(HXContainerKey::AllLogicalSheetHandles, false);
-    }
+    announce(key, false);
 }

@@ -162,6 +162,7 @@ private:
     void addObservationToChild(const std::shared_ptr<HXContainer> &child);
     void removeObservationFromChild(HXContainer *child);
     void notify(HXContainerKey key, bool prior);
+    void announce(HXContainerKey key, bool prior);
 
     HXReadWriteLock m_lock;
     bool m_intrinsic = false;

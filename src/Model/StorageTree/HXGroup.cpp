@@ -74,61 +74,56 @@ quint64 HXGroup::operationForRemovingSheetHandle(const std::shared_ptr<HXSheetHa
 
 // --- Entering and leaving -------------------------------------------------------------------
 
+bool HXGroup::enter(const HXStorageItemRef &item, const HXContainerRef &oldParent) {
+    HX_ASSERT(item->storage() == storage(), u"Inserted item must use the same storage.");
+    const HXContainerKey key =
+        item->isContainer() ? HXContainerKey::Containers : HXContainerKey::SheetHandles;
+    willChange(key);
+    const bool inserted =
+        (item->isContainer() ? m_containerSet : m_sheetHandleSet).insertStorageItem(item);
+    didChange(key);
+    if (inserted)
+        noteTreeChange(oldParent ? HXTreeChange::Moved : HXTreeChange::Inserted, item);
+    return inserted;
+}
+
+void HXGroup::leave(const HXStorageItemRef &item) {
+    HXStorageItemSet &set = item->isContainer() ? m_containerSet : m_sheetHandleSet;
+    if (set.filenameOfStorageItem(item.get()).isNull())
+        return;
+    const HXContainerKey key =
+        item->isContainer() ? HXContainerKey::Containers : HXContainerKey::SheetHandles;
+    willChange(key);
+    set.removeStorageItem(item.get());
+    didChange(key);
+    // An item that has a new parent moved; that parent told of it.
+    if (!item->parent())
+        noteTreeChange(HXTreeChange::Removed, item);
+}
+
+void HXGroup::noteTreeChange(int kind, const HXStorageItemRef &item, const QString &oldFilename) {
+    if (const auto storage = this->storage())
+        storage->noteTreeChange(HXTreeChange::Kind(kind), item,
+                                std::static_pointer_cast<HXContainer>(shared_from_this()),
+                                oldFilename);
+}
+
 bool HXGroup::accommodateInsertionOfContainer(const HXContainerRef &container,
                                               const HXContainerRef &oldParent, quint64) {
-    HX_ASSERT(container->storage() == storage(), u"Inserted item must use the same storage.");
-    willChange(HXContainerKey::Containers);
-    const bool inserted = m_containerSet.insertStorageItem(container);
-    didChange(HXContainerKey::Containers);
-    if (inserted) {
-        if (const auto storage = this->storage())
-            storage->noteTreeChange(oldParent ? HXTreeChange::Moved : HXTreeChange::Inserted,
-                                    container,
-                                    std::static_pointer_cast<HXContainer>(shared_from_this()), {});
-    }
-    return inserted;
+    return enter(container, oldParent);
 }
 
 bool HXGroup::accommodateInsertionOfSheetHandle(const std::shared_ptr<HXSheetHandle> &handle,
                                                 const HXContainerRef &oldParent, quint64) {
-    HX_ASSERT(handle->storage() == storage(), u"Inserted item must use the same storage.");
-    willChange(HXContainerKey::SheetHandles);
-    const bool inserted = m_sheetHandleSet.insertStorageItem(handle);
-    didChange(HXContainerKey::SheetHandles);
-    if (inserted) {
-        if (const auto storage = this->storage())
-            storage->noteTreeChange(oldParent ? HXTreeChange::Moved : HXTreeChange::Inserted,
-                                    handle,
-                                    std::static_pointer_cast<HXContainer>(shared_from_this()), {});
-    }
-    return inserted;
+    return enter(handle, oldParent);
 }
 
 void HXGroup::accommodateDeletionOfContainer(const HXContainerRef &container) {
-    if (m_containerSet.filenameOfStorageItem(container.get()).isNull())
-        return;
-    willChange(HXContainerKey::Containers);
-    m_containerSet.removeStorageItem(container.get());
-    didChange(HXContainerKey::Containers);
-    // An item that has a new parent moved; that parent told of it.
-    if (!container->parent()) {
-        if (const auto storage = this->storage())
-            storage->noteTreeChange(HXTreeChange::Removed, container,
-                                    std::static_pointer_cast<HXContainer>(shared_from_this()), {});
-    }
+    leave(container);
 }
 
 void HXGroup::accommodateDeletionOfSheetHandle(const std::shared_ptr<HXSheetHandle> &handle) {
-    if (m_sheetHandleSet.filenameOfStorageItem(handle.get()).isNull())
-        return;
-    willChange(HXContainerKey::SheetHandles);
-    m_sheetHandleSet.removeStorageItem(handle.get());
-    didChange(HXContainerKey::SheetHandles);
-    if (!handle->parent()) {
-        if (const auto storage = this->storage())
-            storage->noteTreeChange(HXTreeChange::Removed, handle,
-                                    std::static_pointer_cast<HXContainer>(shared_from_this()), {});
-    }
+    leave(handle);
 }
 
 void HXGroup::storageItemFilenameDidChange(const std::shared_ptr<HXStorageItem> &item) {
@@ -195,6 +190,20 @@ void HXGroup::setPersistentSheetHandleClusters(const QList<QStringList> &cluster
     willChange(HXContainerKey::SheetHandles);
     m_sheetHandleSet.setPersistentStorageItemClusters(clusters);
     didChange(HXContainerKey::SheetHandles);
+}
+
+QVariantList HXGroup::sheetClustersPropertyList() const {
+    QVariantList list;
+    for (const QStringList &cluster : persistentSheetHandleClusters())
+        list.append(cluster);
+    return list;
+}
+
+void HXGroup::setSheetClustersFromPropertyList(const QVariant &value) {
+    QList<QStringList> clusters;
+    for (const QVariant &cluster : value.toList())
+        clusters.append(cluster.toStringList());
+    setPersistentSheetHandleClusters(clusters);
 }
 
 HXRange HXGroup::clusterRangeForSheetHandleIndex(quint64 index) const {

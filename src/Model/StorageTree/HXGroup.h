@@ -4,6 +4,7 @@
 #include "Model/StorageTree/HXStorageItemSet.h"
 
 #include <QStringList>
+#include <QVariantList>
 
 // A container of containers and sheets, each kind in its own ordered set. The order is kept as
 // file names, so it survives a relaunch and names children that have not arrived yet; sheets
@@ -48,6 +49,9 @@ public:
     void setPersistentContainerOrder(const QStringList &order);
     QList<QStringList> persistentSheetHandleClusters() const;
     void setPersistentSheetHandleClusters(const QList<QStringList> &clusters);
+    // The clusters as an info file keeps them: a list of lists of names.
+    QVariantList sheetClustersPropertyList() const;
+    void setSheetClustersFromPropertyList(const QVariant &value);
 
     HXRange clusterRangeForSheetHandleIndex(quint64 index) const override;
     bool canSetClustered(bool clustered, HXRange range) const override;
@@ -56,6 +60,10 @@ public:
     void storageItemSetDidChangePersistentClusters(HXStorageItemSet &set) override;
 
 private:
+    bool enter(const HXStorageItemRef &item, const HXContainerRef &oldParent);
+    void leave(const HXStorageItemRef &item);
+    void noteTreeChange(int kind, const HXStorageItemRef &item, const QString &oldFilename = {});
+
     HXStorageItemSet m_containerSet;
     HXStorageItemSet m_sheetHandleSet;
 };

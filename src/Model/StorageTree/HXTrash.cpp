@@ -3,18 +3,10 @@
 #include "Model/Persistence/HXStorage.h"
 #include "Model/StorageTree/HXSheetHandle.h"
 
-quint64 HXTrash::operationForCreatingContainerOfKind(HXContainerKind kind) const {
-    return HXGroup::operationForCreatingContainerOfKind(kind);
-}
-
 quint64 HXTrash::operationForInsertingContainer(const HXContainerRef &item) const {
     if (!item->parent() || item->isDescendantOfContainer(this))
         return 0;
     return HXGroup::operationForInsertingContainer(item) & ~OperationHonoursIndex;
-}
-
-quint64 HXTrash::operationForCreatingSheet() const {
-    return HXGroup::operationForCreatingSheet();
 }
 
 quint64

@@ -22,9 +22,7 @@ public:
     QList<std::shared_ptr<HXSheetHandle>> allSheetHandles() const override { return {}; }
     QList<HXContainerRef> allContainers() const override { return {}; }
 
-    quint64 operationForCreatingContainerOfKind(HXContainerKind kind) const override;
     quint64 operationForInsertingContainer(const HXContainerRef &item) const override;
-    quint64 operationForCreatingSheet() const override;
     quint64 operationForInsertingSheetHandle(const std::shared_ptr<HXSheetHandle> &) const override;
 
     bool accommodateInsertionOfContainer(const HXContainerRef &container,
