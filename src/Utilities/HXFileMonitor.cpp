@@ -219,14 +219,15 @@ HXFileMonitor::Entry HXFileMonitor::entryOf(const HXFileIdentity &identity) {
 
 // The folders a presented item needs watched: the one that holds it and, for a folder, itself
 // and every folder below.
-QSet<QString> HXFileMonitor::treeOf(const QString &path) {
+QSet<QString> HXFileMonitor::treeOf(const QString &path, QStringList *packages) {
     QSet<QString> folders{QFileInfo(path).absolutePath()};
     if (QFileInfo(path).isDir())
-        addSubtree(path, folders);
+        addSubtree(path, folders, packages);
     return folders;
 }
 
-void HXFileMonitor::addSubtree(const QString &root, QSet<QString> &folders) {
+void HXFileMonitor::addSubtree(const QString &root, QSet<QString> &folders,
+                               QStringList *packages) {
     walk(
         root,
         [&](const QString &folder) {
@@ -234,10 +235,45 @@ void HXFileMonitor::addSubtree(const QString &root, QSet<QString> &folders) {
             return true;
         },
         [&](const QString &child, const dirent &entry) {
-            return !folders.contains(child) &&
-                   (entry.d_type == DT_DIR ||
-                    (entry.d_type == DT_UNKNOWN && QFileInfo(child).isDir()));
+            const bool folder = !folders.contains(child) &&
+                                (entry.d_type == DT_DIR ||
+                                 (entry.d_type == DT_UNKNOWN && QFileInfo(child).isDir()));
+            if (folder && packages && HXFileCoordinator::isPackagePath(child)) {
+                packages->append(child);
+                return false;
+            }
+            return folder;
         });
+}
+
+// The insides of packages matter to the presenters above them only as changes of the package,
+// and a library holds thousands of them: they are watched after the folders that hold them, so
+// that presenting a library costs its folders, not its packages. A change inside a package
+// before its watch is in place goes unreported; whoever cares reads the package's state when it
+// first needs it.
+void HXFileMonitor::watchDeferredPackages() {
+    m_deferredScheduled = false;
+    constexpr int batch = 256;
+    for (int i = 0; i < batch && !m_deferredPackages.isEmpty(); ++i) {
+        const auto [path, package] = m_deferredPackages.takeFirst();
+        const auto tree = m_trees.find(path);
+        if (tree == m_trees.end() || !QFileInfo(package).isDir())
+            continue;
+        QSet<QString> folders;
+        addSubtree(package, folders);
+        folders.subtract(*tree);
+        tree->unite(folders);
+        for (const QString &folder : std::as_const(folders)) {
+            if (++m_wanted[folder] == 1 && !m_folders.contains(folder))
+                addFolder(folder);
+        }
+    }
+    if (!m_deferredPackages.isEmpty()) {
+        m_deferredScheduled = true;
+        QTimer::singleShot(0, this, &HXFileMonitor::watchDeferredPackages);
+    }
+    if (polledFolderCount() > 0 && !m_poller->isActive())
+        m_poller->start();
 }
 
 // Brings the watches in line with the presenters. Each presented item's tree is walked when it
@@ -279,9 +315,12 @@ void HXFileMonitor::updateWatches(const QStringList &changedFolders) {
     for (const QString &path : std::as_const(presented)) {
         auto tree = m_trees.find(path);
         if (tree == m_trees.end()) {
-            const QSet<QString> folders = treeOf(path);
+            QStringList packages;
+            const QSet<QString> folders = treeOf(path, &packages);
             take(folders);
             m_trees.insert(path, folders);
+            for (const QString &package : std::as_const(packages))
+                m_deferredPackages.append({path, package});
             continue;
         }
         for (const QString &folder : changedFolders) {
@@ -333,6 +372,10 @@ void HXFileMonitor::updateWatches(const QStringList &changedFolders) {
             addFolder(folder);
     }
     rememberPresentedItems();
+    if (!m_deferredPackages.isEmpty() && !m_deferredScheduled) {
+        m_deferredScheduled = true;
+        QTimer::singleShot(0, this, &HXFileMonitor::watchDeferredPackages);
+    }
     if (polledFolderCount() > 0) {
         if (!m_poller->isActive())
             m_poller->start();
@@ -358,13 +401,26 @@ void HXFileMonitor::addFolder(const QString &path) {
             m_folders.remove(m_byDescriptor.value(folder.descriptor));
         m_byDescriptor.insert(folder.descriptor, path);
     }
-    // Listed after the watch is in place, so nothing made in between goes unseen.
-    const QDir directory(path);
-    for (const QFileInfo &info :
-         directory.entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)) {
-        const HXFileIdentity identity = HXFileIdentity::ofPath(info.absoluteFilePath());
-        if (identity.exists)
-            folder.entries.insert(info.fileName(), entryOf(identity));
+    // Listed after the watch is in place, so nothing made in between goes unseen. A watched
+    // folder's events say what changed, so its entries need only their names and kinds; a polled
+    // one is compared by times, so those are taken too.
+    const bool polled = folder.descriptor < 0;
+    if (DIR *directory = ::opendir(QFile::encodeName(path).constData())) {
+        while (const dirent *item = ::readdir(directory)) {
+            if (item->d_name[0] == '.')
+                continue;
+            const QString name = QFile::decodeName(item->d_name);
+            if (polled || item->d_type == DT_UNKNOWN) {
+                const HXFileIdentity identity = HXFileIdentity::ofPath(path + u'/' + name);
+                if (identity.exists)
+                    folder.entries.insert(name, polled ? entryOf(identity)
+                                                       : Entry{identity.inode, 0,
+                                                               identity.isDirectory});
+            } else {
+                folder.entries.insert(name, Entry{item->d_ino, 0, item->d_type == DT_DIR});
+            }
+        }
+        ::closedir(directory);
     }
     m_folders.insert(path, std::move(folder));
 }

@@ -68,8 +68,11 @@ private:
     // Sets up the notifier and the timers on the main thread.
     void start();
     void updateWatches(const QStringList &changedFolders = {});
-    static QSet<QString> treeOf(const QString &path);
-    static void addSubtree(const QString &root, QSet<QString> &folders);
+    // With `packages`, the packages below the path are not walked but put there.
+    static QSet<QString> treeOf(const QString &path, QStringList *packages = nullptr);
+    static void addSubtree(const QString &root, QSet<QString> &folders,
+                           QStringList *packages = nullptr);
+    void watchDeferredPackages();
     void addFolder(const QString &path);
     void removeFolder(const QString &path);
     void readEvents();
@@ -99,6 +102,10 @@ private:
     QHash<QString, QSet<QString>> m_trees;
     // How many of those trees want each folder.
     QHash<QString, int> m_wanted;
+    // Packages inside newly presented folders, watched a batch at a time once the presenter is
+    // in place: (presented path, package).
+    QList<QPair<QString, QString>> m_deferredPackages;
+    bool m_deferredScheduled = false;
     QHash<int, QString> m_byDescriptor;
     QSet<QString> m_touched;
     QHash<quint32, QString> m_movedFrom;

@@ -1,7 +1,7 @@
 #!/bin/sh
 # velmora-cli library: a library made and built up by commands writes the files and keys of the
-# format, and bad input (no library, unknown or ambiguous paths, a damaged info file) fails with
-# one line and writes nothing.
+# format, bad input (no library, unknown or ambiguous paths, a damaged info file) fails with one
+# line and writes nothing, and a watcher sees what a second program and a file manager change.
 set -eu
 cli=$1
 home=$(mktemp -d)
@@ -46,3 +46,97 @@ printf '<plist><dict><key>displayName' >"$info"
 if "$cli" library tree "$lib" 2>"$home/err"; then fail "damaged info file read"; fi
 grep -q "Info.hxgroup: damaged info file" "$home/err" || fail "damage not named: $(cat "$home/err")"
 [ "$(cat "$info")" = '<plist><dict><key>displayName' ] || fail "damaged file overwritten"
+
+# The worked example as far as commands go: the files, and in them exactly the keys and values of
+# the format (sheet names replaced by letters, the group's by G).
+ex="$home/Example"
+"$cli" library init "$ex"
+"$cli" library add-group "$ex" Library Novel
+A=$(echo A | "$cli" library add-sheet "$ex" Library/Novel)
+B=$(echo B | "$cli" library add-sheet "$ex" Library/Novel)
+C=$(echo C | "$cli" library add-sheet "$ex" Library/Novel)
+I=$(echo I | "$cli" library add-sheet "$ex" Inbox)
+"$cli" library cluster "$ex" "$A" "$B"
+G=$(basename "$(ls -d "$ex"/Groups-hxgroup/*-hxgroup)")
+names() { sed "s/$A/A/g; s/$B/B/g; s/$C/C/g; s/$I/I/g; s/$G/G/g"; }
+dump=$(cd "$ex" && find . -path '*.velmora/*' -prune -o -type f -print | names | LC_ALL=C sort |
+    while read -r f; do
+        echo "$f"; grep -v '^<?xml\|^<!DOCTYPE\|plist' "$(echo "$f" | sed "s/\/G\//\/$G\//")" |
+            tr -d '\t' | names
+    done)
+expected='./Groups-hxgroup/G/Info.hxgroup
+<dict>
+<key>displayName</key>
+<string>Novel</string>
+<key>sheetClusters</key>
+<array>
+<array>
+<string>A</string>
+<string>B</string>
+</array>
+<array>
+<string>C</string>
+</array>
+</array>
+</dict>
+./Groups-hxgroup/Info.hxgroup
+<dict>
+<key>childOrder</key>
+<array>
+<string>G</string>
+</array>
+<key>displayName</key>
+<string>Library</string>
+</dict>
+./Info.hxgroup
+<dict>
+<key>childOrder</key>
+<array>
+<string>Unfiled-hxgroup</string>
+<string>Groups-hxgroup</string>
+<string>Trash-hxtrash</string>
+</array>
+</dict>
+./Root.plist
+<dict>
+<key>defaultMarkup</key>
+<string>markdownqr</string>
+</dict>
+./Trash-hxtrash/Info.hxtrash
+<dict/>
+./Unfiled-hxgroup/Info.hxgroup
+<dict>
+<key>displayName</key>
+<string>Inbox</string>
+<key>sheetClusters</key>
+<array>
+<array>
+<string>I</string>
+</array>
+</array>
+<key>userIconName</key>
+<string>Inbox</string>
+</dict>'
+[ "$dump" = "$expected" ] || fail "files of the example differ:
+$dump"
+
+# A second program's changes, and those of a plain file manager, as a watcher sees them.
+"$cli" library add-group "$ex" Library Other
+O=$(grep -l '<string>Other</string>' "$ex"/Groups-hxgroup/*/Info.hxgroup | xargs dirname | xargs basename)
+"$cli" library watch "$ex" >"$home/watch" 2>"$home/watch.err" &
+watcher=$!
+for _ in $(seq 50); do grep -q watching "$home/watch.err" && break; sleep 0.1; done
+S=$(echo S | "$cli" library add-sheet "$ex" Inbox)
+mv "$ex/Groups-hxgroup/$G" "$ex/Groups-hxgroup/$O/"
+rm -r "$ex/Unfiled-hxgroup/$I"
+for _ in $(seq 50); do [ "$(grep -c . "$home/watch")" -ge 3 ] && break; sleep 0.1; done
+kill -INT $watcher
+wait $watcher || fail "watch did not end cleanly"
+for line in "{\"change\":\"inserted\",\"file\":\"$S\",\"parent\":\"Unfiled-hxgroup\"}" \
+    "{\"change\":\"moved\",\"file\":\"$G\",\"parent\":\"$O\"}" \
+    "{\"change\":\"removed\",\"file\":\"$I\",\"parent\":\"Unfiled-hxgroup\"}"; do
+    grep -qF "$line" "$home/watch" || fail "watch missed $line: $(cat "$home/watch")"
+done
+grep -q '"change":"inserted","file":"[0-9a-f]*.velmora","parent":"'"$G" "$home/watch" &&
+    fail "the moved group was read anew: $(cat "$home/watch")"
+exit 0

@@ -34,7 +34,9 @@ std::shared_ptr<HXLibrary> HXLibrary::localLibrary() {
 
 std::shared_ptr<HXLibrary> HXLibrary::ubiquitousLibrary() {
     const QString path = ubiquitousLibraryPath();
-    if (path.isEmpty() || !HXFileIdentity::ofPath(QFileInfo(path).path()).isDirectory)
+    // The chosen folder must be there; what the library needs inside it is made.
+    if (path.isEmpty() || !HXFileIdentity::ofPath(QFileInfo(QFileInfo(path).path()).path())
+                               .isDirectory)
         return nullptr;
     return libraryAtURL(path, ubiquitousIdentifier);
 }

@@ -15,6 +15,11 @@
 #include <QFileInfo>
 #include <QUuid>
 
+HXNativeStorage::HXNativeStorage() {
+    // Sheets are packages: presenters above them see one item, whatever changes inside.
+    HXNativeSheet::registerPackagePathExtension();
+}
+
 std::shared_ptr<HXNativeStorage> HXNativeStorage::storageAtURL(const QString &url,
                                                                const QString &identifier) {
     std::shared_ptr<HXNativeStorage> storage(new HXNativeStorage);
@@ -35,7 +40,8 @@ HXStorageItemKind HXNativeStorage::classForReadingItemAtURL(const QString &url) 
 }
 
 HXStorageItemKind HXNativeStorage::classForFilename(const QString &url) const {
-    if (isFileURL(url, baseURL()))
+    const QString base = baseURL();
+    if (url.size() <= base.size() + 1 && isFileURL(url, base))
         return HXStorageItemKind::Group;
     const QString name = QFileInfo(url).fileName();
     if (name.endsWith(HXNativeGroup::suffix))

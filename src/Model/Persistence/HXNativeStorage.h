@@ -18,8 +18,7 @@ public:
     static QString newUniqueIdentifier();
 
     HXStorageItemKind classForReadingItemAtURL(const QString &url) const override;
-    // The kind by name alone, for a path known to exist.
-    HXStorageItemKind classForFilename(const QString &url) const;
+    HXStorageItemKind classForFilename(const QString &url) const override;
     std::shared_ptr<HXContainer> newContainer(HXStorageItemKind kind,
                                               const QString &filename) override;
     std::shared_ptr<HXSheet> sheetForURL(const QString &url, bool readOnly,
@@ -47,7 +46,7 @@ public:
                                      const std::shared_ptr<HXContainer> &prototype, HXError *error);
 
 protected:
-    HXNativeStorage() = default;
+    HXNativeStorage();
 
 private:
     mutable std::mutex m_settingsMutex;

@@ -3,6 +3,7 @@
 #include "Model/StorageTree/HXConditionFilter.h"
 #include "Model/StorageTree/HXGroup.h"
 #include "Model/StorageTree/HXSheetHandle.h"
+#include "Model/StorageTree/HXStaticContainer.h"
 #include "Utilities/HXApplicationLog.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXFileCoordinator.h"
@@ -91,23 +92,28 @@ void HXStorage::setUpStaticContainers() {
     if (!providesStaticContainers())
         return;
     const auto self = shared_from_this();
-    m_allFilter = std::make_shared<HXConditionFilter>(QStringLiteral(":All"), self);
-    m_allFilter->setIntrinsic(true);
-    m_allFilter->setOptions(1);
-    m_allFilter->setParent(m_rootGroup);
-    m_allFilter->setAlive(true);
-    m_recentFilter = std::make_shared<HXConditionFilter>(QStringLiteral(":Recent"), self);
-    m_recentFilter->setIntrinsic(true);
+    auto all = std::make_shared<HXStaticFilter>(QStringLiteral(":All"), self, m_rootGroup);
+    all->setDisplayName(displayName());
+    all->setIconName(QStringLiteral("All"));
+    // Stands even without conditions: it holds every sheet.
+    all->setOptions(1);
+    all->setParent(m_rootGroup);
+    all->setAlive(true);
+    auto recent = std::make_shared<HXStaticFilter>(QStringLiteral(":Recent"), self, m_rootGroup);
+    recent->setDisplayName(displayName());
+    recent->setIconName(QStringLiteral("Recent"));
     // The sheets of the last seven days.
-    m_recentFilter->setQuery(
+    recent->setQuery(
         {{QStringLiteral("conditions"),
           QVariantList{
               QVariantMap{{QStringLiteral("class"), QStringLiteral("HXDateSearchCondition")},
                           {QStringLiteral("type"), 0},
                           {QStringLiteral("comparison"), 1},
                           {QStringLiteral("difference"), 7 * 86400}}}}});
-    m_recentFilter->setParent(m_rootGroup);
-    m_recentFilter->setAlive(true);
+    recent->setParent(m_rootGroup);
+    recent->setAlive(true);
+    m_allFilter = std::move(all);
+    m_recentFilter = std::move(recent);
 }
 
 void HXStorage::readFolder(const std::shared_ptr<HXContainer> &container) {
@@ -125,15 +131,19 @@ void HXStorage::readFolder(const std::shared_ptr<HXContainer> &container) {
     ::closedir(folder);
     const auto group = std::dynamic_pointer_cast<HXGroup>(container);
     for (const QString &name : names) {
+        const QString path = url + u'/' + name;
+        const HXStorageItemKind kind = classForFilename(path);
+        if (kind == HXStorageItemKind::None)
+            continue;
         // Looked up by name in the group's sets: a scan of the children per entry would make
         // opening a large group quadratic. A volume that ignores case needs the slower rule.
         const bool known = group && m_caseSensitive
                                ? group->containerSet().storageItemWithFilename(name) ||
                                      group->sheetHandleSet().storageItemWithFilename(name)
-                               : itemAtURLLocked(url + u'/' + name) != nullptr;
+                               : itemAtURLLocked(path) != nullptr;
         if (known)
             continue;
-        const auto item = readItemInContainer(container, url + u'/' + name);
+        const auto item = readItemInContainer(container, path, kind);
         if (item && item->isContainer())
             readFolder(std::static_pointer_cast<HXContainer>(item));
     }
@@ -172,12 +182,12 @@ std::shared_ptr<HXStorageItem> HXStorage::readItemAtURL(const QString &url) {
     std::lock_guard lock(m_monitor);
     const auto parent =
         std::dynamic_pointer_cast<HXContainer>(itemAtURLLocked(QFileInfo(url).path()));
-    return parent ? readItemInContainer(parent, url) : nullptr;
+    return parent ? readItemInContainer(parent, url, classForReadingItemAtURL(url)) : nullptr;
 }
 
 std::shared_ptr<HXStorageItem> HXStorage::readItemInContainer(const HXContainerRef &parent,
-                                                              const QString &url) {
-    const HXStorageItemKind kind = classForReadingItemAtURL(url);
+                                                              const QString &url,
+                                                              HXStorageItemKind kind) {
     if (kind == HXStorageItemKind::None)
         return nullptr;
     const QString filename = QFileInfo(url).fileName();
@@ -608,8 +618,12 @@ void HXStorage::presentedSubitemDidChangeAtURL(const QString &url) {
     storageItemDidChangeAtURL(url);
 }
 
+QString HXStorage::systemTrashPath() {
+    return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
+           QStringLiteral("/Trash");
+}
+
 bool HXStorage::isInSystemTrash(const QString &url) {
-    const QString trash = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
-                          QStringLiteral("/Trash");
-    return HXFileCoordinator::isAncestorOrSelf(trash, HXFileCoordinator::standardizedPath(url));
+    return HXFileCoordinator::isAncestorOrSelf(systemTrashPath(),
+                                               HXFileCoordinator::standardizedPath(url));
 }

@@ -12,7 +12,7 @@ class HXFilePresentationProxy;
 class HXGroup;
 class HXSheet;
 class HXSheetHandle;
-class HXConditionFilter;
+class HXStaticFilter;
 
 // One change of a storage's tree, as observers of the storage hear it.
 struct HXTreeChange {
@@ -56,6 +56,8 @@ public:
 
     // --- Kinds of files ----------------------------------------------------------------------
     virtual HXStorageItemKind classForReadingItemAtURL(const QString &url) const = 0;
+    // The kind by name alone, for a path known to exist.
+    virtual HXStorageItemKind classForFilename(const QString &url) const = 0;
     virtual std::shared_ptr<HXContainer> newContainer(HXStorageItemKind kind,
                                                       const QString &filename) = 0;
     virtual std::shared_ptr<HXSheet> sheetForURL(const QString &url, bool readOnly,
@@ -70,8 +72,8 @@ public:
     virtual bool providesStaticContainers() const { return false; }
     virtual bool arePersistentObjectsUbiquitous() const { return false; }
     virtual bool isActive() const { return true; }
-    std::shared_ptr<HXConditionFilter> allFilter() const { return m_allFilter; }
-    std::shared_ptr<HXConditionFilter> recentFilter() const { return m_recentFilter; }
+    std::shared_ptr<HXStaticFilter> allFilter() const { return m_allFilter; }
+    std::shared_ptr<HXStaticFilter> recentFilter() const { return m_recentFilter; }
 
     // --- Finding nodes -----------------------------------------------------------------------
     std::shared_ptr<HXStorageItem> itemAtURL(const QString &url) const;
@@ -126,7 +128,8 @@ public:
     void presentedSubitemAtURL(const QString &oldURL, const QString &newURL) override;
     void presentedSubitemDidChangeAtURL(const QString &url) override;
 
-    // Whether the path lies in the desktop's trash folder.
+    // The desktop's trash folder in the home folder, and whether a path lies in it.
+    static QString systemTrashPath();
     static bool isInSystemTrash(const QString &url);
 
 protected:
@@ -143,9 +146,10 @@ protected:
 
 private:
     void readFolder(const std::shared_ptr<HXContainer> &container);
-    // Reads the item at the path, known to lie in the container; the monitor is held.
+    // Reads the item of that kind at the path, known to lie in the container; the monitor is
+    // held.
     std::shared_ptr<HXStorageItem> readItemInContainer(const HXContainerRef &parent,
-                                                       const QString &url);
+                                                       const QString &url, HXStorageItemKind kind);
     void setUpStaticContainers();
     void setUpSearchIndex() {}
 
@@ -157,8 +161,8 @@ private:
     bool m_caseSensitive = true;
     std::shared_ptr<HXGroup> m_rootGroup;
     std::shared_ptr<HXFilePresentationProxy> m_presenter;
-    std::shared_ptr<HXConditionFilter> m_allFilter;
-    std::shared_ptr<HXConditionFilter> m_recentFilter;
+    std::shared_ptr<HXStaticFilter> m_allFilter;
+    std::shared_ptr<HXStaticFilter> m_recentFilter;
     qint64 m_infoModificationDate = 0;
     bool m_readingInfoFile = true;
 

@@ -46,13 +46,17 @@ std::shared_ptr<HXNativeSheet> HXNativeSheet::sheetWithURL(const QString &url, b
     return sheet;
 }
 
-void HXNativeSheet::setUp(std::shared_ptr<HXMarkup> markup) {
+void HXNativeSheet::registerPackagePathExtension() {
     // A change anywhere inside a package is a change of the sheet.
     static const bool registered = [] {
         HXFileCoordinator::addPackagePathExtensions({pathExtension});
         return true;
     }();
     Q_UNUSED(registered);
+}
+
+void HXNativeSheet::setUp(std::shared_ptr<HXMarkup> markup) {
+    registerPackagePathExtension();
     const auto store = HXMarkupStore::globalStore();
     m_markup = markup ? std::move(markup) : store->defaultIntrinsicMarkup();
     m_text = HXAtomicString::stringWithMarkup(m_markup);

@@ -30,6 +30,9 @@ public:
     // A new sheet without a file, in the markup (the default one when none is given).
     static std::shared_ptr<HXNativeSheet> sheetWithMarkup(std::shared_ptr<HXMarkup> markup = {});
     // A sheet for the package, not yet open.
+    // Tells the file services that sheet packages are one item each; done before any library is
+    // presented.
+    static void registerPackagePathExtension();
     static std::shared_ptr<HXNativeSheet> sheetWithURL(const QString &url, bool readOnly = false);
     ~HXNativeSheet() override;
 

@@ -255,6 +255,9 @@ qint64 HXContainer::readInfoModificationDate() const {
 }
 
 void HXContainer::suggestInfoFileUpdate() {
+    // What is being read from the file is what the file says already.
+    if (m_isReadingInfoFile)
+        return;
     int expected = 0;
     if (!m_shouldUpdateInfoFile.compare_exchange_strong(expected, 1))
         return;
@@ -318,6 +321,14 @@ void HXContainer::writeInfoFileImmediately() {
             const QByteArray data = HXPropertyList::xmlData(contents, &error);
             HX_ASSERT(!data.isEmpty(), u"Could not serialize info file: %@",
                       error.localizedDescription());
+            // A file that already says this is left alone: a rewrite would only make every
+            // sync client carry it to every other device.
+            QFile current(path);
+            if (current.size() == data.size() && current.open(QIODevice::ReadOnly) &&
+                current.readAll() == data) {
+                m_infoModificationDate = HXFileIdentity::ofPath(path).modificationTime;
+                return;
+            }
             // Replaced whole, so that a crash never leaves a torn file that would then be
             // refused, and with it the names and order it keeps.
             if (!HXFileSystem::writeFileAtomically(data, path, &error)) {

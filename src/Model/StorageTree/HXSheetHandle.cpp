@@ -171,38 +171,73 @@ void HXSheetHandle::sheetWillDeallocate(const HXSheet *sheet) {
 // --- Dates ----------------------------------------------------------------------------------
 
 QDateTime HXSheetHandle::creationDate() const {
+    loadDatesIfNeeded();
     std::lock_guard lock(m_handleMutex);
     return m_creationDate;
 }
 
 QDateTime HXSheetHandle::fileModificationDate() const {
+    loadDatesIfNeeded();
     std::lock_guard lock(m_handleMutex);
     return m_fileModificationDate;
 }
 
 QDateTime HXSheetHandle::changeDate() const {
+    loadDatesIfNeeded();
     std::lock_guard lock(m_handleMutex);
     return m_changeDate;
 }
 
 QString HXSheetHandle::changeToken() const {
+    loadDatesIfNeeded();
     std::lock_guard lock(m_handleMutex);
     return m_changeToken;
 }
 
+// A library of thousands of sheets opens from directory entries alone: a handle reads its dates
+// from the file the first time someone asks for them.
+void HXSheetHandle::loadDatesIfNeeded() const {
+    {
+        std::lock_guard lock(m_handleMutex);
+        if (m_datesLoaded)
+            return;
+    }
+    const_cast<HXSheetHandle *>(this)->readDates(true);
+}
+
 void HXSheetHandle::updateChangeDatesIfNeeded() {
+    {
+        std::lock_guard lock(m_handleMutex);
+        // Dates nobody has read yet are read fresh when they are first asked for.
+        if (!m_datesLoaded)
+            return;
+    }
+    readDates(false);
+}
+
+void HXSheetHandle::readDates(bool withCreationDate) {
     const QString url = URL();
     if (!isAlive() || url.isEmpty())
         return;
+    const QDateTime created =
+        withCreationDate ? HXFileSystem::creationDate(url) : QDateTime();
+    bool sheetLoaded = false;
     {
         std::lock_guard lock(m_handleMutex);
-        if (m_sheet.lock())
-            return;
+        if (withCreationDate && !m_datesLoaded)
+            m_creationDate = created;
+        // A loaded sheet tells the other dates itself.
+        sheetLoaded = m_sheet.lock() != nullptr;
+        if (sheetLoaded)
+            m_datesLoaded = true;
     }
+    if (sheetLoaded)
+        return;
     const auto storage = this->storage();
     const QDateTime modified = HXFileSystem::modificationDate(url);
     const QString token = storage ? storage->changeTokenForItemAtURL(url) : QString();
     std::lock_guard lock(m_handleMutex);
+    m_datesLoaded = true;
     if (modified.isValid() && modified != m_fileModificationDate)
         m_fileModificationDate = modified;
     if (modified.isValid() && modified != m_changeDate)
@@ -219,15 +254,12 @@ void HXSheetHandle::itemDidChangeAtURL(const QString &url) {
 
 void HXSheetHandle::setAlive(bool alive) {
     HXStorageItem::setAlive(alive);
+    std::lock_guard lock(m_handleMutex);
     if (alive) {
-        const QDateTime created = HXFileSystem::creationDate(URL());
-        {
-            std::lock_guard lock(m_handleMutex);
-            m_creationDate = created;
-        }
-        updateChangeDatesIfNeeded();
+        // Read anew, from wherever the handle lives now, when asked.
+        if (!m_sheet.lock())
+            m_datesLoaded = false;
     } else {
-        std::lock_guard lock(m_handleMutex);
         m_sheet.reset();
     }
 }

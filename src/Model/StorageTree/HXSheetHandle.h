@@ -42,6 +42,7 @@ public:
     // The sheet is going away: its dates are the file's again.
     void sheetWillDeallocate(const HXSheet *sheet);
 
+    // Read from the file on first use, then kept up to date.
     QDateTime creationDate() const;
     QDateTime fileModificationDate() const;
     QDateTime changeDate() const;
@@ -60,6 +61,8 @@ public:
 private:
     void loadSheet(bool readOnly, const LoadHandler &handler);
     void sheetPropertyDidChange(const HXSheet &sheet);
+    void loadDatesIfNeeded() const;
+    void readDates(bool withCreationDate);
 
     mutable std::mutex m_handleMutex;
     std::weak_ptr<HXSheet> m_sheet;
@@ -70,6 +73,7 @@ private:
     QDateTime m_changeDate;
     QString m_changeToken;
     QString m_cachedContentPrefix;
+    bool m_datesLoaded = false;
 };
 
 using HXSheetHandleRef = std::shared_ptr<HXSheetHandle>;

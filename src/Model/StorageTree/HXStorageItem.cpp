@@ -8,8 +8,8 @@
 HXStorageItem::HXStorageItem(const QString &filename, const std::shared_ptr<HXStorage> &storage)
     : m_filename(filename)
     , m_storage(storage) {
+    // Only containers that stand for several storages at once have none.
     HX_ASSERT(!filename.isEmpty(), u"filename");
-    HX_ASSERT(storage != nullptr, u"storage");
 }
 
 HXStorageItem::~HXStorageItem() = default;

@@ -86,6 +86,7 @@ QList<QStringList> HXStorageItemSet::persistentStorageItemClusters() const {
 
 bool HXStorageItemSet::insertStorageItem(const ItemRef &item) {
     HX_ASSERT(item != nullptr, u"item");
+    bool orderChanged = false;
     {
         std::lock_guard lock(m_mutex);
         const QString filename = item->filename();
@@ -99,12 +100,15 @@ bool HXStorageItemSet::insertStorageItem(const ItemRef &item) {
         } else {
             m_positions.insert(filename, m_entries.size());
             m_entries.push_back(Entry{{filename, 0}, true, false, item});
+            orderChanged = true;
         }
         m_storageItemFilenames.insert(item.get(), filename);
         m_validFilenames.insert(filename);
         m_storageItems.reset();
     }
-    notifyChange();
+    // An item that arrives where the order expected it leaves the order as it was on disk.
+    if (orderChanged)
+        notifyChange();
     return true;
 }
 
