@@ -120,6 +120,12 @@ expected='./Groups-hxgroup/G/Info.hxgroup
 [ "$dump" = "$expected" ] || fail "files of the example differ:
 $dump"
 
+# A new sheet in the inbox rewrites the inbox's info file and no other.
+untouched=$(stat -c '%n %z' "$ex/Info.hxgroup" "$ex/Groups-hxgroup/Info.hxgroup" "$ex/Groups-hxgroup/$G/Info.hxgroup")
+echo J | "$cli" library add-sheet "$ex" Inbox >/dev/null
+[ "$untouched" = "$(stat -c '%n %z' "$ex/Info.hxgroup" "$ex/Groups-hxgroup/Info.hxgroup" \
+    "$ex/Groups-hxgroup/$G/Info.hxgroup")" ] || fail "info files rewritten that did not change"
+
 # A second program's changes, and those of a plain file manager, as a watcher sees them.
 "$cli" library add-group "$ex" Library Other
 O=$(grep -l '<string>Other</string>' "$ex"/Groups-hxgroup/*/Info.hxgroup | xargs dirname | xargs basename)

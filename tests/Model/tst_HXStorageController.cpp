@@ -3,6 +3,7 @@
 #include "Model/Persistence/HXLibrary.h"
 #include "Model/Persistence/HXNativeGroup.h"
 #include "Model/Persistence/HXStorageController.h"
+#include "Model/Sheets/HXNativeSheet.h"
 #include "Model/StorageTree/HXSheetHandle.h"
 #include "Model/StorageTree/HXStaticContainer.h"
 #include "Utilities/HXApplicationLog.h"
@@ -32,6 +33,15 @@ QString errorLog() {
     QFile file(HXApplicationLog::sharedInstance()->crashErrorLogURL());
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
+
+class Delegate : public HXStorageControllerDelegate {
+public:
+    void storageControllerDidReceiveWriteError(const std::shared_ptr<HXSheet> &sheet,
+                                               const HXError &error) override {
+        errors.append({sheet, error});
+    }
+    QList<QPair<std::shared_ptr<HXSheet>, HXError>> errors;
+};
 
 } // namespace
 
@@ -183,6 +193,27 @@ private slots:
                  local->trash()->operationForInsertingContainer(inbox) &
                      ~HXContainer::OperationHonoursIndex);
         QCOMPARE(trashes.operationForInsertingContainer(notes), 0u);
+    }
+
+    // A save that failed with nobody to tell reaches the delegate on the main thread; a
+    // notification without its error is a fault of the poster.
+    void writeErrorsReachTheDelegate() {
+        const auto controller = HXStorageController::create();
+        Delegate delegate;
+        controller->setDelegate(&delegate);
+        const auto sheet = HXNativeSheet::sheetWithURL(m_home + u"/x.velmora"_s);
+        const HXError error = HXError::withDescription(HXCocoaErrorDomain, 640, u"Disk full"_s);
+        const auto center = HXNotificationCenter::defaultCenter();
+        center->post(HXDocument::unhandledSaveErrorNotification, static_cast<HXDocument *>(sheet.get()),
+                     {{u"error"_s, QVariant::fromValue(error)}});
+        QTRY_COMPARE(delegate.errors.size(), 1);
+        QCOMPARE(delegate.errors[0].first, std::static_pointer_cast<HXSheet>(sheet));
+        QCOMPARE(delegate.errors[0].second, error);
+        QCOMPARE(HXTestSupport::assertionText([&] {
+                     center->post(HXDocument::unhandledSaveErrorNotification,
+                                  static_cast<HXDocument *>(sheet.get()), {});
+                 }),
+                 u"Missing error message."_s);
     }
 };
 
