@@ -1,6 +1,7 @@
 #include "HXTestSupport.h"
 #include "Model/Persistence/HXLibrary.h"
 #include "Model/Persistence/HXNativeGroup.h"
+#include "Model/Sheets/HXSheet.h"
 #include "Model/StorageTree/HXGroup.h"
 #include "Model/StorageTree/HXSheetHandle.h"
 #include "Model/StorageTree/HXStorageItemSet.h"
@@ -309,6 +310,26 @@ private slots:
         group->writeInfoFileImmediately();
         QCOMPARE(file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray(),
                  QByteArray("<plist><dict><key>displayName"));
+    }
+
+    // A sheet of a library saves where its handle stands; asked for a fresh name, its storage
+    // gives one that is free in that group.
+    void sheetSavesWhereItsHandleIs() {
+        QTemporaryDir folder;
+        const auto library = HXLibrary::libraryAtURL(folder.filePath(u"Library"_s), u"test"_s);
+        const auto inbox = library->defaultGroup();
+        const QString url = inbox->URL() + u'/' + library->preferredFilenameForSheet();
+        QVERIFY(library->newSheetMatchingMarkup({})->saveToURL(url, HXDocument::SaveOperationSave,
+                                                               nullptr));
+        library->storageItemDidAppearAtURL(url);
+        const auto handle = inbox->sheetHandles().value(0);
+        QVERIFY(handle);
+        const auto sheet = handle->loadSheetIfNeeded();
+        QVERIFY(sheet);
+        QCOMPARE(sheet->URLForSaveOperation(HXDocument::SaveOperationSave, false), url);
+        const QString fresh = sheet->URLForSaveOperation(HXDocument::SaveOperationSave, true);
+        QCOMPARE(QFileInfo(fresh).path(), inbox->URL());
+        QVERIFY(fresh != url && fresh.endsWith(u".velmora"_s));
     }
 
     void masks() {

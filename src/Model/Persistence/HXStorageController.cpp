@@ -45,8 +45,10 @@ QString pathFromFileURLString(const QString &string) {
 } // namespace
 
 std::shared_ptr<HXStorageController> HXStorageController::sharedInstance() {
-    static const std::shared_ptr<HXStorageController> instance = create();
-    return instance;
+    // Kept to the very end: the libraries must not be torn down while static objects that
+    // their teardown needs are already gone.
+    static const auto *instance = new std::shared_ptr<HXStorageController>(create());
+    return *instance;
 }
 
 std::shared_ptr<HXStorageController> HXStorageController::create() {

@@ -4,10 +4,14 @@
 #include "Model/Attachments/HXFileAttachment.h"
 #include "Model/Attachments/HXKeywordsAttachment.h"
 #include "Model/Attachments/HXNoteAttachment.h"
+#include "Model/Persistence/HXStorage.h"
+#include "Model/StorageTree/HXContainer.h"
 #include "Model/StorageTree/HXSheetHandle.h"
 #include "Text/String/Access/HXAtomicString.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXUndoManager.h"
+
+#include <QFileInfo>
 
 HXSheet::~HXSheet() {
     // The handle takes its dates from the file again.
@@ -17,6 +21,23 @@ HXSheet::~HXSheet() {
 
 std::shared_ptr<HXSheetHandle> HXSheet::handle() const {
     return m_handle.lock();
+}
+
+QString HXSheet::URLForSaveOperation(int saveOperation, bool ignoreCurrentName) const {
+    const auto handle = this->handle();
+    const auto parent = handle ? handle->parent() : nullptr;
+    const auto storage = handle ? handle->storage() : nullptr;
+    if (!parent || !storage)
+        return HXDocument::URLForSaveOperation(saveOperation, ignoreCurrentName);
+    const QString folder = parent->URL();
+    if (folder.isEmpty())
+        return {};
+    // A sheet not written yet is named by its handle.
+    const QString name =
+        fileURL().isEmpty() ? handle->filename() : QFileInfo(fileURL()).fileName();
+    return folder + u'/' +
+           storage->filenameForPreferredFilename(name, ignoreCurrentName ? QString() : name,
+                                                 parent);
 }
 
 void HXSheet::setHandle(const std::shared_ptr<HXSheetHandle> &handle) {

@@ -40,6 +40,8 @@ public:
 
     std::shared_ptr<HXSheetHandle> handle() const;
     void setHandle(const std::shared_ptr<HXSheetHandle> &handle);
+    // A sheet of a library saves where its handle stands, under the name its storage gives.
+    QString URLForSaveOperation(int saveOperation, bool ignoreCurrentName) const override;
 
     NoteList noteAttachments() const;
     FileList fileAttachments() const;
