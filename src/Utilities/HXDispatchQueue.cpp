@@ -96,6 +96,11 @@ private:
             std::pop_heap(m_entries.begin(), m_entries.end(), later);
             Entry entry = std::move(m_entries.back());
             m_entries.pop_back();
+            // Once the application object is gone, nothing will run the main queue again: a
+            // block that comes due for it while the process ends is dropped.
+            if (entry.queue->kind() == HXDispatchQueue::Kind::Main &&
+                !QCoreApplication::instance())
+                continue;
             lock.unlock();
             entry.queue->async(std::move(entry.block));
             lock.lock();
