@@ -234,28 +234,24 @@ void moveWithinGroup(const std::shared_ptr<HXGroup> &group, const HXStorageItemR
     }
 }
 
-int init(const QStringList &arguments) {
-    if (arguments.size() > 1)
-        return HXCommandLineTool::fail(QStringLiteral("library init: expected [LIB]"));
-    int status = 0;
-    const Library library = openLibrary(arguments.value(0), true, &status);
-    if (!library)
-        return status;
+// Each command gets the library opened and its arguments after LIB, counted already.
+struct Invocation {
+    Library library;
+    QStringList arguments;
+    bool json = false;
+};
+
+int init(const Invocation &call) {
+    const Library &library = call.library;
     // "Root.plist" marks the folder as a library, also before it has settings.
     if (!HXFileIdentity::ofPath(library->infoFileURL()).exists)
         library->writeInfoFile();
     return finish(library);
 }
 
-int tree(QStringList arguments) {
-    const bool json = arguments.removeAll(QStringLiteral("--json")) > 0;
-    if (arguments.size() > 1)
-        return HXCommandLineTool::fail(QStringLiteral("library tree: expected [LIB] [--json]"));
-    int status = 0;
-    const Library library = openLibrary(arguments.value(0), false, &status);
-    if (!library)
-        return status;
-    if (json) {
+int tree(const Invocation &call) {
+    const Library &library = call.library;
+    if (call.json) {
         std::fputs(QJsonDocument(treeObject(library->rootGroup())).toJson().constData(), stdout);
     } else {
         printTree(library->rootGroup(), 0);
@@ -263,24 +259,20 @@ int tree(QStringList arguments) {
     return 0;
 }
 
-int addGroup(const QStringList &arguments) {
-    if (arguments.size() != 3)
-        return HXCommandLineTool::fail(
-            QStringLiteral("library add-group: expected LIB PARENT NAME"));
+int addGroup(const Invocation &call) {
+    const Library &library = call.library;
+    const QStringList &arguments = call.arguments;
     int status = 0;
-    const Library library = openLibrary(arguments.at(0), false, &status);
-    if (!library)
-        return status;
-    const auto parent = resolveGroup(library, arguments.at(1), &status);
+    const auto parent = resolveGroup(library, arguments.at(0), &status);
     if (!parent)
         return status;
     if (!(parent->operationForCreatingContainerOfKind(HXContainerKind::Group) & 3))
         return HXCommandLineTool::fail(
-            QStringLiteral("%1: can't hold groups").arg(arguments.at(1)));
+            QStringLiteral("%1: can't hold groups").arg(arguments.at(0)));
     const QString filename = library->filenameForPreferredFilename(
         library->preferredFilenameForContainerOfKind(HXStorageItemKind::Group), {}, parent);
     const auto prototype = library->newContainer(HXStorageItemKind::Group, filename);
-    prototype->setDisplayName(arguments.at(2));
+    prototype->setDisplayName(arguments.at(1));
     const QString url = parent->URL() + u'/' + filename;
     HXError error;
     bool created = false;
@@ -296,23 +288,19 @@ int addGroup(const QStringList &arguments) {
     return finish(library);
 }
 
-int addSheet(const QStringList &arguments) {
-    if (arguments.size() < 2 || arguments.size() > 3)
-        return HXCommandLineTool::fail(
-            QStringLiteral("library add-sheet: expected LIB PARENT [TEXT-FILE]"));
+int addSheet(const Invocation &call) {
+    const Library &library = call.library;
+    const QStringList &arguments = call.arguments;
     int status = 0;
-    const Library library = openLibrary(arguments.at(0), false, &status);
-    if (!library)
-        return status;
-    const auto parent = resolveGroup(library, arguments.at(1), &status);
+    const auto parent = resolveGroup(library, arguments.at(0), &status);
     if (!parent)
         return status;
     if (!(parent->operationForCreatingSheet() & 3))
         return HXCommandLineTool::fail(
-            QStringLiteral("%1: can't hold sheets").arg(arguments.at(1)));
+            QStringLiteral("%1: can't hold sheets").arg(arguments.at(0)));
     QByteArray bytes;
     QString failure;
-    if (!HXCommandLineTool::readInput(arguments.value(2), &bytes, &failure))
+    if (!HXCommandLineTool::readInput(arguments.value(1), &bytes, &failure))
         return HXCommandLineTool::fail(failure);
     const auto sheet = std::static_pointer_cast<HXNativeSheet>(library->newSheetMatchingMarkup({}));
     sheet->text()->replaceCharactersInRange(HXRange{0, 0}, HXReplacement(QString::fromUtf8(bytes)));
@@ -330,55 +318,46 @@ int addSheet(const QStringList &arguments) {
     return finish(library);
 }
 
-int rename(const QStringList &arguments) {
-    if (arguments.size() != 3)
-        return HXCommandLineTool::fail(QStringLiteral("library rename: expected LIB ITEM NAME"));
+int rename(const Invocation &call) {
+    const Library &library = call.library;
+    const QStringList &arguments = call.arguments;
     int status = 0;
-    const Library library = openLibrary(arguments.at(0), false, &status);
-    if (!library)
-        return status;
-    const auto item = resolve(library, arguments.at(1), &status);
+    const auto item = resolve(library, arguments.at(0), &status);
     if (!item)
         return status;
     const auto container = std::dynamic_pointer_cast<HXContainer>(item);
     if (!container || !container->allowsSettingDisplayName())
         return HXCommandLineTool::fail(
-            QStringLiteral("%1: its name can't be changed").arg(arguments.at(1)));
-    container->setDisplayName(arguments.at(2));
+            QStringLiteral("%1: its name can't be changed").arg(arguments.at(0)));
+    container->setDisplayName(arguments.at(1));
     return finish(library);
 }
 
-int reorder(const QStringList &arguments) {
+int reorder(const Invocation &call) {
+    const Library &library = call.library;
+    const QStringList &arguments = call.arguments;
     bool valid = false;
-    const quint64 index = arguments.value(2).toULongLong(&valid);
-    if (arguments.size() != 3 || !valid)
+    const quint64 index = arguments.at(1).toULongLong(&valid);
+    if (!valid)
         return HXCommandLineTool::fail(QStringLiteral("library reorder: expected LIB ITEM INDEX"));
     int status = 0;
-    const Library library = openLibrary(arguments.at(0), false, &status);
-    if (!library)
-        return status;
-    const auto item = resolve(library, arguments.at(1), &status);
+    const auto item = resolve(library, arguments.at(0), &status);
     if (!item)
         return status;
     const auto group = std::dynamic_pointer_cast<HXGroup>(item->parent());
     if (!group)
         return HXCommandLineTool::fail(
-            QStringLiteral("%1: can't be reordered").arg(arguments.at(1)));
+            QStringLiteral("%1: can't be reordered").arg(arguments.at(0)));
     moveWithinGroup(group, item, index);
     group->saveMetadataIfNeeded();
     return finish(library);
 }
 
-int cluster(const QStringList &arguments) {
-    if (arguments.size() < 3)
-        return HXCommandLineTool::fail(
-            QStringLiteral("library cluster: expected LIB SHEET SHEET…"));
+int cluster(const Invocation &call) {
+    const Library &library = call.library;
     int status = 0;
-    const Library library = openLibrary(arguments.at(0), false, &status);
-    if (!library)
-        return status;
     QList<std::shared_ptr<HXSheetHandle>> handles;
-    for (const QString &given : arguments.mid(1)) {
+    for (const QString &given : call.arguments) {
         const auto handle =
             std::dynamic_pointer_cast<HXSheetHandle>(resolve(library, given, &status));
         if (!handle)
@@ -407,13 +386,8 @@ int cluster(const QStringList &arguments) {
     return finish(library);
 }
 
-int watch(const QStringList &arguments) {
-    if (arguments.size() > 1)
-        return HXCommandLineTool::fail(QStringLiteral("library watch: expected [LIB]"));
-    int status = 0;
-    const Library library = openLibrary(arguments.value(0), false, &status);
-    if (!library)
-        return status;
+int watch(const Invocation &call) {
+    const Library &library = call.library;
     library->addTreeObserver([](const HXTreeChange &change) {
         QJsonObject line{
             {QStringLiteral("change"), HXTreeChange::kindName(change.kind)},
@@ -439,27 +413,49 @@ int watch(const QStringList &arguments) {
     return finish(library);
 }
 
+struct Command {
+    QLatin1StringView name;
+    // Counts of arguments after the command; LIB is the first, optional where the count may be
+    // zero, and then the local library.
+    qsizetype minimum;
+    qsizetype maximum;
+    const char *usage; // UTF-8
+    int (*run)(const Invocation &call);
+};
+
+const Command commands[] = {
+    {QLatin1StringView("init"), 0, 1, "[LIB]", init},
+    {QLatin1StringView("tree"), 0, 1, "[LIB] [--json]", tree},
+    {QLatin1StringView("add-group"), 3, 3, "LIB PARENT NAME", addGroup},
+    {QLatin1StringView("add-sheet"), 2, 3, "LIB PARENT [TEXT-FILE]", addSheet},
+    {QLatin1StringView("rename"), 3, 3, "LIB ITEM NAME", rename},
+    {QLatin1StringView("reorder"), 3, 3, "LIB ITEM INDEX", reorder},
+    {QLatin1StringView("cluster"), 3, 1 << 30, "LIB SHEET SHEET…", cluster},
+    {QLatin1StringView("watch"), 0, 1, "[LIB]", watch},
+};
+
 } // namespace
 
 int HXLibraryCommand(const QStringList &arguments) {
-    const QString command = arguments.value(0);
-    const QStringList rest = arguments.mid(1);
-    if (command == u"init")
-        return init(rest);
-    if (command == u"tree")
-        return tree(rest);
-    if (command == u"add-group")
-        return addGroup(rest);
-    if (command == u"add-sheet")
-        return addSheet(rest);
-    if (command == u"rename")
-        return rename(rest);
-    if (command == u"reorder")
-        return reorder(rest);
-    if (command == u"cluster")
-        return cluster(rest);
-    if (command == u"watch")
-        return watch(rest);
+    const QString name = arguments.value(0);
+    for (const Command &command : commands) {
+        if (name != command.name)
+            continue;
+        Invocation call;
+        call.arguments = arguments.mid(1);
+        if (command.run == tree)
+            call.json = call.arguments.removeAll(QStringLiteral("--json")) > 0;
+        if (call.arguments.size() < command.minimum || call.arguments.size() > command.maximum)
+            return HXCommandLineTool::fail(QStringLiteral("library %1: expected %2")
+                                               .arg(command.name, QString::fromUtf8(command.usage)));
+        int status = 0;
+        call.library = openLibrary(call.arguments.value(0), command.run == init, &status);
+        if (!call.library)
+            return status;
+        if (!call.arguments.isEmpty())
+            call.arguments.removeFirst();
+        return command.run(call);
+    }
     return HXCommandLineTool::fail(QStringLiteral(
         "library: expected init, tree, add-group, add-sheet, rename, reorder, cluster or watch"));
 }
