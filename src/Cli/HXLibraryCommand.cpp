@@ -21,6 +21,8 @@
 #include <cstdio>
 #include <unistd.h>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using Library = std::shared_ptr<HXLibrary>;
@@ -259,27 +261,27 @@ int tree(const Invocation &call) {
     return 0;
 }
 
-int addGroup(const Invocation &call) {
-    const Library &library = call.library;
-    const QStringList &arguments = call.arguments;
-    int status = 0;
-    const auto parent = resolveGroup(library, arguments.at(0), &status);
+// The group that the first argument names, if it may hold new items of the kind; else null,
+// with the failure's status.
+std::shared_ptr<HXGroup> creationParent(const Invocation &call, HXStorageItemKind kind,
+                                        int *status) {
+    const auto parent = resolveGroup(call.library, call.arguments.at(0), status);
     if (!parent)
-        return status;
-    if (!(parent->operationForCreatingContainerOfKind(HXContainerKind::Group) & 3))
-        return HXCommandLineTool::fail(
-            QStringLiteral("%1: can't hold groups").arg(arguments.at(0)));
-    const QString filename = library->filenameForPreferredFilename(
-        library->preferredFilenameForContainerOfKind(HXStorageItemKind::Group), {}, parent);
-    const auto prototype = library->newContainer(HXStorageItemKind::Group, filename);
-    prototype->setDisplayName(arguments.at(1));
-    const QString url = parent->URL() + u'/' + filename;
-    HXError error;
-    bool created = false;
-    HXFileCoordinator coordinator;
-    coordinator.coordinateWritingItemAtURL(url, 0, &error, [&](const QString &path) {
-        created = HXNativeStorage::createContainerAtURL(path, prototype, &error);
-    });
+        return nullptr;
+    const bool sheet = kind == HXStorageItemKind::Sheet;
+    const quint64 mask = sheet ? parent->operationForCreatingSheet()
+                               : parent->operationForCreatingContainerOfKind(HXContainerKind::Group);
+    if (mask & 3)
+        return parent;
+    *status = HXCommandLineTool::fail(QStringLiteral("%1: can't hold %2")
+                                          .arg(call.arguments.at(0), sheet ? u"sheets"_s
+                                                                           : u"groups"_s));
+    return nullptr;
+}
+
+// A new item was written at the path, or not: it enters the tree and the parent's order.
+int finishCreating(const Library &library, const std::shared_ptr<HXGroup> &parent,
+                   const QString &url, bool created, const HXError &error) {
     if (!created)
         return HXCommandLineTool::fail(
             QStringLiteral("%1: %2").arg(url, error.localizedDescription()));
@@ -288,19 +290,35 @@ int addGroup(const Invocation &call) {
     return finish(library);
 }
 
-int addSheet(const Invocation &call) {
+int addGroup(const Invocation &call) {
     const Library &library = call.library;
-    const QStringList &arguments = call.arguments;
     int status = 0;
-    const auto parent = resolveGroup(library, arguments.at(0), &status);
+    const auto parent = creationParent(call, HXStorageItemKind::Group, &status);
     if (!parent)
         return status;
-    if (!(parent->operationForCreatingSheet() & 3))
-        return HXCommandLineTool::fail(
-            QStringLiteral("%1: can't hold sheets").arg(arguments.at(0)));
+    const QString filename = library->filenameForPreferredFilename(
+        library->preferredFilenameForContainerOfKind(HXStorageItemKind::Group), {}, parent);
+    const auto prototype = library->newContainer(HXStorageItemKind::Group, filename);
+    prototype->setDisplayName(call.arguments.at(1));
+    const QString url = parent->URL() + u'/' + filename;
+    HXError error;
+    bool created = false;
+    HXFileCoordinator coordinator;
+    coordinator.coordinateWritingItemAtURL(url, 0, &error, [&](const QString &path) {
+        created = HXNativeStorage::createContainerAtURL(path, prototype, &error);
+    });
+    return finishCreating(library, parent, url, created, error);
+}
+
+int addSheet(const Invocation &call) {
+    const Library &library = call.library;
+    int status = 0;
+    const auto parent = creationParent(call, HXStorageItemKind::Sheet, &status);
+    if (!parent)
+        return status;
     QByteArray bytes;
     QString failure;
-    if (!HXCommandLineTool::readInput(arguments.value(1), &bytes, &failure))
+    if (!HXCommandLineTool::readInput(call.arguments.value(1), &bytes, &failure))
         return HXCommandLineTool::fail(failure);
     const auto sheet = std::static_pointer_cast<HXNativeSheet>(library->newSheetMatchingMarkup({}));
     sheet->text()->replaceCharactersInRange(HXRange{0, 0}, HXReplacement(QString::fromUtf8(bytes)));
@@ -308,14 +326,12 @@ int addSheet(const Invocation &call) {
         library->filenameForPreferredFilename(library->preferredFilenameForSheet(), {}, parent);
     const QString url = parent->URL() + u'/' + filename;
     HXError error;
-    if (!sheet->saveToURL(url, HXDocument::SaveOperationSave, &error))
-        return HXCommandLineTool::fail(
-            QStringLiteral("%1: %2").arg(url, error.localizedDescription()));
-    library->storageItemDidAppearAtURL(url);
-    library->noteUseOfMarkup(sheet->markup());
-    parent->saveMetadataIfNeeded();
-    std::printf("%s\n", qPrintable(filename));
-    return finish(library);
+    const bool saved = sheet->saveToURL(url, HXDocument::SaveOperationSave, &error);
+    if (saved) {
+        library->noteUseOfMarkup(sheet->markup());
+        std::printf("%s\n", qPrintable(filename));
+    }
+    return finishCreating(library, parent, url, saved, error);
 }
 
 int rename(const Invocation &call) {
