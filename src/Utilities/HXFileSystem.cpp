@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <mutex>
@@ -41,6 +42,34 @@ auto retrying(F call) {
         result = call();
     } while (result == -1 && errno == EINTR);
     return result;
+}
+
+// Removes a folder and everything in it, relative to an open folder; links are removed, never
+// followed. Goes on past what it can't remove, and says whether everything went.
+bool removeTreeAt(int parent, const char *name) {
+    const int fd = retrying([&] {
+        return ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    });
+    if (fd < 0)
+        return ::unlinkat(parent, name, 0) == 0;
+    DIR *folder = ::fdopendir(fd);
+    if (!folder) {
+        ::close(fd);
+        return false;
+    }
+    bool removed = true;
+    while (const struct dirent *entry = ::readdir(folder)) {
+        const char *child = entry->d_name;
+        if (child[0] == '.' && (child[1] == 0 || (child[1] == '.' && child[2] == 0)))
+            continue;
+        const bool folderEntry = entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN;
+        if (folderEntry && removeTreeAt(fd, child))
+            continue;
+        if (::unlinkat(fd, child, 0) != 0 && errno != ENOENT)
+            removed = false;
+    }
+    ::closedir(folder);
+    return ::unlinkat(parent, name, AT_REMOVEDIR) == 0 && removed;
 }
 
 bool syncDescriptorOf(const QString &path, int flags) {
@@ -95,7 +124,7 @@ HXError HXFileSystem::posixError(int code, const QString &path, const QString &d
 }
 
 bool HXFileSystem::writeNewFile(const QByteArray &data, const QString &path, mode_t mode,
-                                HXError *error, bool sync) {
+                                HXError *error, bool sync, HXSyncBatch *batch) {
     const QByteArray name = encoded(path);
     auto failed = [&](int code, int fd) {
         if (fd >= 0)
@@ -124,6 +153,10 @@ bool HXFileSystem::writeNewFile(const QByteArray &data, const QString &path, mod
         bytes += written;
         remaining -= written;
     }
+    if (batch) {
+        batch->addDescriptor(fd, path);
+        return true;
+    }
     if (sync && retrying([&] { return ::fsync(fd); }) != 0)
         return failed(errno, fd);
     if (::close(fd) != 0)
@@ -131,57 +164,71 @@ bool HXFileSystem::writeNewFile(const QByteArray &data, const QString &path, mod
     return true;
 }
 
-bool HXFileSystem::syncItems(const QStringList &paths, HXError *error) {
-    // Helpers from the shared pool take the items in turn, and this thread is one of them. A
-    // helper the pool has not started yet is taken back rather than waited for, so a busy pool
-    // never holds a save up.
-    struct Work {
-        const QStringList &paths;
-        std::vector<int> results;
-        std::atomic<qsizetype> next = 0;
-        void run() {
-            for (qsizetype index; (index = next++) < paths.size();)
-                results[size_t(index)] = syncItem(paths.at(index)) ? 0 : (errno ? errno : EIO);
+struct HXSyncBatch::Item {
+    int fd = -1; // -1: opened from the path when synced
+    QString path;
+    std::atomic<bool> taken = false;
+    std::mutex mutex;
+    std::condition_variable condition;
+    bool done = false;
+    int result = 0; // errno of the failure
+
+    // Syncs unless another thread has taken the item already.
+    void take() {
+        if (taken.exchange(true))
+            return;
+        int code = 0;
+        if (fd < 0) {
+            if (!HXFileSystem::syncItem(path))
+                code = errno ? errno : EIO;
+        } else {
+            if (retrying([&] { return ::fsync(fd); }) != 0)
+                code = errno;
+            ::close(fd);
         }
-    } work{paths, std::vector<int>(size_t(paths.size()), 0)};
-    struct Helper : QRunnable {
-        Work &work;
-        std::mutex mutex;
-        std::condition_variable condition;
-        bool finished = false;
-        explicit Helper(Work &w)
-            : work(w) {
-            setAutoDelete(false);
-        }
-        void run() override {
-            work.run();
-            const std::lock_guard lock(mutex);
-            finished = true;
-            condition.notify_all();
-        }
-    };
-    std::vector<std::unique_ptr<Helper>> helpers;
-    QThreadPool *const pool = HXDispatchQueue::threadPool();
-    for (qsizetype count = 1; count < std::min<qsizetype>(paths.size(), 8); ++count) {
-        helpers.push_back(std::make_unique<Helper>(work));
-        pool->start(helpers.back().get());
+        const std::lock_guard lock(mutex);
+        result = code;
+        done = true;
+        condition.notify_all();
     }
-    work.run();
-    for (const auto &helper : helpers) {
-        if (pool->tryTake(helper.get()))
-            continue;
-        std::unique_lock lock(helper->mutex);
-        helper->condition.wait(lock, [&] { return helper->finished; });
-    }
-    for (qsizetype index = 0; index < paths.size(); ++index) {
-        if (work.results[size_t(index)] != 0) {
-            HXSetError(error,
-                       posixError(work.results[size_t(index)], paths.at(index),
-                                  QStringLiteral("“%1” couldn’t be saved.").arg(paths.at(index))));
-            return false;
+};
+
+HXSyncBatch::HXSyncBatch() = default;
+
+HXSyncBatch::~HXSyncBatch() {
+    finish(nullptr);
+}
+
+void HXSyncBatch::addDescriptor(int fd, const QString &path) {
+    auto item = std::make_shared<Item>();
+    item->fd = fd;
+    item->path = path;
+    m_items.append(item);
+    HXDispatchQueue::threadPool()->start([item] { item->take(); });
+}
+
+void HXSyncBatch::addItem(const QString &path) {
+    addDescriptor(-1, path);
+}
+
+bool HXSyncBatch::finish(HXError *error) {
+    // The newest first: a helper has most likely not taken those up yet, and a sync this thread
+    // does itself needs no wake-up at the end.
+    for (auto item = m_items.crbegin(); item != m_items.crend(); ++item)
+        (*item)->take();
+    bool synced = true;
+    for (const auto &item : std::as_const(m_items)) {
+        std::unique_lock lock(item->mutex);
+        item->condition.wait(lock, [&] { return item->done; });
+        if (item->result != 0 && synced) {
+            synced = false;
+            HXSetError(error, HXFileSystem::posixError(
+                                  item->result, item->path,
+                                  QStringLiteral("“%1” couldn’t be saved.").arg(item->path)));
         }
     }
-    return true;
+    m_items.clear();
+    return synced;
 }
 
 bool HXFileSystem::writeFileAtomically(const QByteArray &data, const QString &path,
@@ -267,7 +314,7 @@ bool HXFileSystem::removeItem(const QString &path, HXError *error) {
     const HXFileIdentity identity = HXFileIdentity::ofPath(path);
     if (!identity.exists)
         return true;
-    const bool removed = identity.isDirectory ? QDir(path).removeRecursively()
+    const bool removed = identity.isDirectory ? removeTreeAt(AT_FDCWD, encoded(path).constData())
                                               : ::unlink(encoded(path).constData()) == 0;
     if (!removed && HXFileIdentity::ofPath(path).exists) {
         HXSetError(error, posixError(errno ? errno : EIO, path,

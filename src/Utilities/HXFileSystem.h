@@ -4,8 +4,10 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QList>
 #include <QString>
 
+#include <memory>
 #include <sys/types.h>
 
 // What a file is at one moment, as far as telling one state of it from another goes: the same
@@ -23,6 +25,29 @@ struct HXFileIdentity {
     friend bool operator==(const HXFileIdentity &, const HXFileIdentity &) = default;
 };
 
+// fsyncs that start as their items are added, on helpers of the shared pool, so that a flush
+// overlaps with the writing of what comes next and with the other flushes. `finish` waits for
+// them all, doing itself any that no helper has taken up yet, so that a busy pool never holds a
+// save up. One thread adds and finishes.
+class HXSyncBatch {
+public:
+    HXSyncBatch();
+    ~HXSyncBatch();
+    HXSyncBatch(const HXSyncBatch &) = delete;
+    HXSyncBatch &operator=(const HXSyncBatch &) = delete;
+
+    // An open descriptor, which the batch closes; `path` names it in errors.
+    void addDescriptor(int fd, const QString &path);
+    // A file or folder by its path.
+    void addItem(const QString &path);
+    // Whether every sync went; with the error of the first that failed.
+    bool finish(HXError *error);
+
+private:
+    struct Item;
+    QList<std::shared_ptr<Item>> m_items;
+};
+
 // The file operations on which every write of a library or store file stands: replacement that
 // leaves either the old or the new state on disk, never a mix and never nothing, made durable
 // with fsync of the file and of its folder. Paths are plain local paths. Stateless apart from the
@@ -36,9 +61,10 @@ public:
     static bool writeFileAtomically(const QByteArray &data, const QString &path, HXError *error);
 
     // Makes a new file (never replacing one) with the bytes and syncs it; on failure nothing is
-    // left at the path.
+    // left at the path. With `batch`, the file's sync is left to the batch instead, which starts
+    // it at once.
     static bool writeNewFile(const QByteArray &data, const QString &path, mode_t mode,
-                             HXError *error, bool sync = true);
+                             HXError *error, bool sync = true, HXSyncBatch *batch = nullptr);
 
     // Swaps two items in one step. Where the file system refuses an exchange, the first is moved
     // aside to a hidden name, the second into place, and the first to the second's old name.
@@ -50,9 +76,6 @@ public:
     // fsync of a file or folder; of the folder that holds an item.
     static bool syncItem(const QString &path);
     static bool syncParentFolder(const QString &path);
-    // fsync of several items at once, so that their flushes overlap; false with the error of
-    // the first that fails.
-    static bool syncItems(const QStringList &paths, HXError *error);
     // Makes a folder with its parents, syncing each new one's parent.
     static bool makeFolder(const QString &path, HXError *error);
 

@@ -1,14 +1,23 @@
 #include "Utilities/HXFileWrapper.h"
 
+#include "Utilities/HXDispatchQueue.h"
 #include "Utilities/HXFileSystem.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QMimeDatabase>
+#include <QRunnable>
+#include <QThreadPool>
 
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <fcntl.h>
+#include <mutex>
+#include <thread>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +37,66 @@ std::shared_ptr<HXFileWrapper> HXFileWrapper::directoryWithFileWrappers(
     wrapper->m_isDirectory = true;
     wrapper->m_children = children;
     wrapper->m_preferredFilename = preferredFilename;
+    return wrapper;
+}
+
+// Made once, by whichever thread comes first: a helper or the one that needs the result.
+struct HXFileWrapper::Pending {
+    std::function<std::shared_ptr<HXFileWrapper>(HXError *)> make;
+    std::mutex mutex;
+    std::condition_variable condition;
+    enum class State { Waiting, Running, Done } state = State::Waiting;
+    std::shared_ptr<HXFileWrapper> result;
+    std::optional<HXError> failure;
+    std::atomic<bool> done = false;
+
+    // `make` stays with the wrapper: what it holds is let go with the wrapper, not on the
+    // thread that happened to run it.
+    void run() {
+        {
+            const std::lock_guard lock(mutex);
+            if (state != State::Waiting)
+                return;
+            state = State::Running;
+        }
+        HXError error;
+        std::shared_ptr<HXFileWrapper> made = make(&error);
+        const std::lock_guard lock(mutex);
+        result = std::move(made);
+        if (!result && !error.isNull())
+            failure = error;
+        state = State::Done;
+        done = true;
+        condition.notify_all();
+    }
+
+    std::shared_ptr<HXFileWrapper> wait(HXError *error) {
+        run();
+        // A helper that is nearly done is waited for without sleeping, for a while: waking up
+        // after a sleep takes longer than the rest of a short job.
+        constexpr qint64 spinning = 300000; // nanoseconds
+        QElapsedTimer timer;
+        timer.start();
+        while (!done && timer.nsecsElapsed() < spinning)
+            std::this_thread::yield();
+        std::unique_lock lock(mutex);
+        condition.wait(lock, [&] { return state == State::Done; });
+        if (failure)
+            HXSetError(error, *failure);
+        return result;
+    }
+};
+
+std::shared_ptr<HXFileWrapper>
+HXFileWrapper::pendingWrapper(std::function<std::shared_ptr<HXFileWrapper>(HXError *)> make,
+                              bool startNow) {
+    auto wrapper = std::make_shared<HXFileWrapper>();
+    wrapper->m_pending = std::make_shared<Pending>();
+    wrapper->m_pending->make = std::move(make);
+    if (startNow) {
+        HXDispatchQueue::threadPool()->start(
+            [pending = wrapper->m_pending] { pending->run(); });
+    }
     return wrapper;
 }
 
@@ -112,7 +181,7 @@ bool HXFileWrapper::hasSameContentsAs(const HXFileWrapper &other) const {
 
 // A file of a new package: a hard link to its unchanged source, or written and synced.
 bool HXFileWrapper::writeNewFile(const QString &path, const QString &package, HXError *error,
-                                 QStringList *unsynced) const {
+                                 HXSyncBatch *unsynced) const {
     const QByteArray name = QFile::encodeName(path);
     // Only the package being replaced shares files with its new self: a copy elsewhere must not
     // change when this one's files do.
@@ -120,14 +189,11 @@ bool HXFileWrapper::writeNewFile(const QString &path, const QString &package, HX
     if (!source.isEmpty() && !package.isEmpty() && source.startsWith(package + u'/') &&
         ::link(QFile::encodeName(source).constData(), name.constData()) == 0)
         return true;
-    if (!HXFileSystem::writeNewFile(m_contents, path, 0644, error, false))
-        return false;
-    unsynced->append(path);
-    return true;
+    return HXFileSystem::writeNewFile(m_contents, path, 0644, error, false, unsynced);
 }
 
 bool HXFileWrapper::writeTreeToPath(const QString &path, const QString &package, HXError *error,
-                                    QStringList *unsynced) const {
+                                    HXSyncBatch *unsynced) const {
     if (!m_isDirectory)
         return writeNewFile(path, package, error, unsynced);
     if (::mkdir(QFile::encodeName(path).constData(), 0755) != 0) {
@@ -136,11 +202,22 @@ bool HXFileWrapper::writeTreeToPath(const QString &path, const QString &package,
                        errno, path, QStringLiteral("The folder “%1” couldn’t be made.").arg(path)));
         return false;
     }
-    for (auto it = m_children.cbegin(); it != m_children.cend(); ++it) {
-        if (!it.value()->writeTreeToPath(path + u'/' + it.key(), package, error, unsynced))
-            return false;
+    // Children still being made come last, so that they have the longest to get ready.
+    for (const bool pending : {false, true}) {
+        for (auto it = m_children.cbegin(); it != m_children.cend(); ++it) {
+            if (it.value()->isPending() != pending)
+                continue;
+            HXError failure;
+            const auto child = pending ? it.value()->m_pending->wait(&failure) : it.value();
+            if (!child && !failure.isNull()) {
+                HXSetError(error, failure);
+                return false;
+            }
+            if (child && !child->writeTreeToPath(path + u'/' + it.key(), package, error, unsynced))
+                return false;
+        }
     }
-    unsynced->append(path);
+    unsynced->addItem(path);
     return true;
 }
 
@@ -158,10 +235,14 @@ bool HXFileWrapper::writeToPath(const QString &path, HXError *error, QString *ba
     if (HXFileIdentity::ofPath(path).exists)
         HXFileSystem::removeStaleSiblingsOnce(path, newTag);
     const QString beside = HXFileSystem::hiddenSiblingPath(path, newTag);
-    // Everything is written first and synced together, so that the flushes overlap.
-    QStringList unsynced;
-    if (!writeTreeToPath(beside, QFileInfo(path).absoluteFilePath(), error, &unsynced) ||
-        !HXFileSystem::syncItems(unsynced, error)) {
+    // Each file's flush starts once it is written, and all are waited for before the exchange.
+    HXSyncBatch unsynced;
+    if (!writeTreeToPath(beside, QFileInfo(path).absoluteFilePath(), error, &unsynced)) {
+        unsynced.finish(nullptr);
+        HXFileSystem::removeItem(beside, nullptr);
+        return false;
+    }
+    if (!unsynced.finish(error)) {
         HXFileSystem::removeItem(beside, nullptr);
         return false;
     }

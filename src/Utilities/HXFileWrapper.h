@@ -7,7 +7,10 @@
 #include <QString>
 #include <QVariant>
 
+#include <functional>
 #include <memory>
+
+class HXSyncBatch;
 
 // A file or a folder of files held in memory: an image in a sheet, a package being written. A
 // regular file has its contents; a directory its children by name. Written to disk atomically:
@@ -24,6 +27,15 @@ public:
     static std::shared_ptr<HXFileWrapper>
     directoryWithFileWrappers(const QMap<QString, std::shared_ptr<HXFileWrapper>> &children,
                               const QString &preferredFilename = QString());
+    // A child of a package still being made: `make` starts on a helper thread now (or, with
+    // `startNow` false, waits to be needed), and runs on the thread that needs it when no helper
+    // has taken it up yet, so that a busy pool never holds a save up. Writing a package writes
+    // its other children first, then puts what `make` gave in this one's place: nothing with an
+    // error fails the write, nothing without one leaves the child out. Only for writing.
+    static std::shared_ptr<HXFileWrapper>
+    pendingWrapper(std::function<std::shared_ptr<HXFileWrapper>(HXError *)> make,
+                   bool startNow = true);
+    bool isPending() const { return m_pending != nullptr; }
     // Reads a file or a folder; nothing and an error naming the path when it can't.
     static std::shared_ptr<HXFileWrapper> fileWrapperWithPath(const QString &path, HXError *error);
 
@@ -52,13 +64,15 @@ public:
 
 private:
     // `package` is the final path of the package being written, whose old files may be linked.
-    // Writes the tree; what still needs an fsync goes to `unsynced`, children before their
-    // folder.
+    // Writes the tree; what still needs an fsync goes to `unsynced` as soon as it is written,
+    // children before their folder.
     bool writeTreeToPath(const QString &path, const QString &package, HXError *error,
-                         QStringList *unsynced) const;
+                         HXSyncBatch *unsynced) const;
     bool writeNewFile(const QString &path, const QString &package, HXError *error,
-                      QStringList *unsynced) const;
+                      HXSyncBatch *unsynced) const;
 
+    struct Pending;
+    std::shared_ptr<Pending> m_pending;
     bool m_isDirectory = false;
     QString m_preferredFilename;
     QByteArray m_contents;

@@ -557,6 +557,30 @@ private slots:
         const QDateTime modified = QDateTime(QDate(2021, 1, 2), QTime(3, 4, 5), Qt::UTC);
         QVERIFY(HXFileSystem::setModificationDate(path, modified));
         QCOMPARE(HXFileSystem::modificationDate(path), modified);
+        // Entries still being made: written when ready; nothing leaves one out; a failure
+        // leaves the old package as it was and nothing beside it.
+        const auto pending = [](QByteArray bytes, bool fails) {
+            return HXFileWrapper::pendingWrapper([bytes, fails](HXError *error) {
+                if (fails)
+                    HXSetError(error, HXError(HXPOSIXErrorDomain, EIO));
+                return bytes.isNull() || fails ? HXFileWrapperRef()
+                                               : HXFileWrapper::regularFileWithContents(bytes, {});
+            });
+        };
+        children = {{u"Content.xml"_s, pending("3", false)},
+                    {u"Media"_s, pending(QByteArray(), false)},
+                    {u"Text.txt"_s, HXFileWrapper::regularFileWithContents("t", {})}};
+        QVERIFY(HXFileWrapper::directoryWithFileWrappers(children)->writeToPath(path, nullptr));
+        QCOMPARE(QDir(path).entryList(QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot),
+                 QStringList({u"Content.xml"_s, u"Text.txt"_s}));
+        QCOMPARE(contents(path + u"/Content.xml"_s), QByteArray("3"));
+        children.insert(u"Content.xml"_s, pending("4", true));
+        HXError error;
+        QVERIFY(!HXFileWrapper::directoryWithFileWrappers(children)->writeToPath(path, &error));
+        QCOMPARE(error.code(), EIO);
+        QCOMPARE(contents(path + u"/Content.xml"_s), QByteArray("3"));
+        QCOMPARE(QDir(m_folder.path()).entryList({u".dated.pkg*"_s}, QDir::AllEntries | QDir::Hidden),
+                 QStringList());
     }
 
     void caseRule() {

@@ -104,11 +104,17 @@ HXFileWrapperRef HXDocument::fileWrapperWithError(HXError *) {
 
 bool HXDocument::writeToURL(const QString &url, int, const QString &, QString *backupPath,
                             HXError *error) {
-    const HXFileWrapperRef wrapper = fileWrapperWithError(error);
+    HXFileWrapperRef wrapper = fileWrapperToWrite(error);
     if (!wrapper)
         return false;
-    if (wrapper->isDirectory())
-        return wrapper->writeToPath(url, error, backupPath);
+    if (wrapper->isDirectory()) {
+        const bool written = wrapper->writeToPath(url, error, backupPath);
+        // What the package was made from (a copy of a long text, say) is let go off the saving
+        // thread, once the disk work is done.
+        HXDispatchQueue::globalQueue(HXDispatchQueue::Priority::Background)
+            ->async([held = std::move(wrapper)] {});
+        return written;
+    }
     // A file: the old one is kept by a hard link under a hidden name beside it.
     if (backupPath && HXFileIdentity::ofPath(url).exists) {
         const QString backup = HXFileSystem::hiddenSiblingPath(url, QStringLiteral("velmora-old"));

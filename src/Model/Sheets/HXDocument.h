@@ -84,6 +84,11 @@ public:
                             const QString &originalContentsURL, QString *backupPath,
                             HXError *error);
     virtual HXFileWrapperRef fileWrapperWithError(HXError *error);
+    // What a save writes: the file wrapper, whose parts may still be being made (pending
+    // wrappers) while the others are written.
+    virtual HXFileWrapperRef fileWrapperToWrite(HXError *error) {
+        return fileWrapperWithError(error);
+    }
     // A file inside the package whose date is part of the change token: one that others
     // rewrite in place.
     virtual QString changeTokenContentFilename() const { return QString(); }

@@ -23,6 +23,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <mutex>
+
 namespace {
 
 HXError readFailure(const QString &reason) {
@@ -325,50 +327,70 @@ int HXNativeSheet::contentVersion() const {
                : 2;
 }
 
-QByteArray HXNativeSheet::contentDataUsingContext(HXSheetContext &context, HXError *error,
-                                                  std::shared_ptr<HXString> *textCopy) {
+HXNativeSheet::ContentSources HXNativeSheet::contentSources() {
+    ContentSources sources;
     // The text is copied in slices under its lock, and written outside it: typing goes on.
-    const std::shared_ptr<HXString> text = HXStringSnapshot::copyInSlices(*m_text);
-    const auto sheetMarkup = markup();
+    sources.text = HXStringSnapshot::copyInSlices(*m_text);
+    sources.markup = markup();
     const NoteList notes = noteAttachments();
     const FileList files = fileAttachments();
     const auto keywords = keywordsAttachment();
     const auto goal = countingGoal();
-    const bool plain = notes.isEmpty() && files.isEmpty() && !keywords && !goal;
+    sources.plain = notes.isEmpty() && files.isEmpty() && !keywords && !goal;
+    if (keywords && !keywords->keywords().isEmpty())
+        sources.attachments.append(keywords);
+    if (goal)
+        sources.attachments.append(goal);
+    for (const auto &note : notes)
+        sources.attachments.append(note);
+    for (const auto &file : files)
+        sources.attachments.append(file);
+    return sources;
+}
 
+QByteArray HXNativeSheet::contentData(const ContentSources &sources, HXSheetContext &context,
+                                      HXError *error) {
+    const HXString &text = *sources.text;
     HXXMLWriter writer;
-    writer.reserve(qsizetype(text->length() + text->length() / 4 + 4096));
+    writer.reserve(qsizetype(text.length() + text.length() / 4 + 4096));
     writer.writeDeclaration();
     writer.startElement(QLatin1StringView("sheet"));
-    writer.writeAttribute(QLatin1StringView("version"), QString::number(plain ? 1 : 2));
+    writer.writeAttribute(QLatin1StringView("version"), QString::number(sources.plain ? 1 : 2));
     writer.writeText(u"\n");
-    if (sheetMarkup) {
-        writer.writeElement(sheetMarkup->XMLElement());
+    if (sources.markup) {
+        writer.writeElement(sources.markup->XMLElement());
         writer.writeText(u"\n");
     }
-    if (!HXStringXML::writeXML(*text, writer, &context, error))
+    if (!HXStringXML::writeXML(text, writer, &context, error))
         return {};
     writer.writeText(u"\n");
-    QList<HXAttachmentRef> attachments;
-    if (keywords && !keywords->keywords().isEmpty())
-        attachments.append(keywords);
-    if (goal)
-        attachments.append(goal);
-    for (const auto &note : notes)
-        attachments.append(note);
-    for (const auto &file : files)
-        attachments.append(file);
-    for (const HXAttachmentRef &attachment : attachments) {
+    for (const HXAttachmentRef &attachment : sources.attachments) {
         if (!HXNativeSheetAttachment(attachment).writeXML(writer, &context, error))
             return {};
         writer.writeText(u"\n");
     }
     writer.endElement();
     writer.writeText(u"\n");
-    if (textCopy)
-        *textCopy = text;
     return writer.takeBytes();
 }
+
+QByteArray HXNativeSheet::contentDataUsingContext(HXSheetContext &context, HXError *error,
+                                                  std::shared_ptr<HXString> *textCopy) {
+    const ContentSources sources = contentSources();
+    if (textCopy)
+        *textCopy = sources.text;
+    return contentData(sources, context, error);
+}
+
+namespace {
+
+// The copy of the text is let go off the saving thread: freeing a long text takes a while.
+void releaseInBackground(std::shared_ptr<HXString> &text) {
+    HXDispatchQueue::globalQueue(HXDispatchQueue::Priority::Background)->async([text] {});
+    text.reset();
+}
+
+} // namespace
 
 HXFileWrapperRef HXNativeSheet::fileWrapperWithError(HXError *error) {
     HXSheetContext context;
@@ -389,8 +411,58 @@ HXFileWrapperRef HXNativeSheet::fileWrapperWithError(HXError *error) {
                    HXFileWrapper::regularFileWithContents(text->string().toUtf8(), textFilename));
     if (const HXFileWrapperRef media = context.fileWrapperRepresentation())
         entries.insert(mediaFilename, media);
-    // The copy of the text is let go off the saving thread: freeing a long text takes a while.
-    HXDispatchQueue::globalQueue(HXDispatchQueue::Priority::Background)->async([text] {});
-    text.reset();
+    releaseInBackground(text);
+    return HXFileWrapper::directoryWithFileWrappers(entries, preferredFilename());
+}
+
+HXFileWrapperRef HXNativeSheet::fileWrapperToWrite(HXError *error) {
+    // "Content.xml" is made on a helper while this thread writes "Text.txt". "Media" is known
+    // once "Content.xml" is made, as the context gathers the files its elements refer to.
+    struct Making {
+        ContentSources sources;
+        HXSheetContext context;
+        std::once_flag once;
+        QByteArray content;
+        HXError failure;
+        void makeContent() {
+            std::call_once(once, [this] {
+                try {
+                    content = contentData(sources, context, &failure);
+                } catch (const HXAssertionFailure &failed) {
+                    failure = readFailure(failed.text());
+                }
+                if (content.isEmpty() && failure.isNull())
+                    failure = readFailure(QStringLiteral("Failed to write the sheet's content."));
+            });
+        }
+    };
+    auto making = std::make_shared<Making>();
+    try {
+        making->sources = contentSources();
+    } catch (const HXAssertionFailure &failure) {
+        HXSetError(error, readFailure(failure.text()));
+        return nullptr;
+    }
+    // The helpers only read the copy of the text; the wrapper holds it until the document lets
+    // it go.
+    const HXString &text = *making->sources.text;
+    QMap<QString, HXFileWrapperRef> entries;
+    entries.insert(contentFilename, HXFileWrapper::pendingWrapper([making](HXError *failed) {
+                       making->makeContent();
+                       if (making->content.isEmpty()) {
+                           HXSetError(failed, making->failure);
+                           return HXFileWrapperRef();
+                       }
+                       return HXFileWrapper::regularFileWithContents(making->content,
+                                                                     contentFilename);
+                   }));
+    entries.insert(textFilename,
+                   HXFileWrapper::regularFileWithContents(text.string().toUtf8(), textFilename));
+    entries.insert(mediaFilename, HXFileWrapper::pendingWrapper(
+                                      [making](HXError *) {
+                                          making->makeContent();
+                                          return making->context.fileWrapperRepresentation();
+                                      },
+                                      false));
     return HXFileWrapper::directoryWithFileWrappers(entries, preferredFilename());
 }

@@ -56,6 +56,8 @@ public:
     // --- Reading and writing ----------------------------------------------------------------
     bool readFromURL(const QString &url, HXError *error) override;
     HXFileWrapperRef fileWrapperWithError(HXError *error) override;
+    // The text's plain file is written while "Content.xml" is made on a helper thread.
+    HXFileWrapperRef fileWrapperToWrite(HXError *error) override;
     bool loadTextXMLData(const QByteArray &data, HXSheetContext &context, HXError *error);
     // "Content.xml" of the present state, with the text as copied for it.
     QByteArray contentDataUsingContext(HXSheetContext &context, HXError *error,
@@ -81,6 +83,18 @@ public:
     void breakUndoCoalescing() override;
 
 private:
+    // What "Content.xml" is made from, taken at one moment: the copy of the text and the
+    // attachments.
+    struct ContentSources {
+        std::shared_ptr<HXString> text;
+        std::shared_ptr<HXMarkup> markup;
+        QList<HXAttachmentRef> attachments;
+        bool plain = true;
+    };
+    ContentSources contentSources();
+    static QByteArray contentData(const ContentSources &sources, HXSheetContext &context,
+                                  HXError *error);
+
     HXNativeSheet() = default;
     void setUp(std::shared_ptr<HXMarkup> markup);
     void resetLoadedValues();
