@@ -1,4 +1,7 @@
 #include "Cli/HXCommandLineTool.h"
+#include "Model/Operations/HXMoveOperation.h"
+#include "Model/Operations/HXRemoveOperation.h"
+#include "Model/Operations/HXStorageOperationQueue.h"
 #include "Model/Persistence/HXLibrary.h"
 #include "Model/Persistence/HXNativeGroup.h"
 #include "Model/Sheets/HXNativeSheet.h"
@@ -10,15 +13,18 @@
 #include "Utilities/HXFileSystem.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSocketNotifier>
+#include <QThread>
 
 #include <csignal>
 #include <cstdio>
+#include <mutex>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -241,6 +247,9 @@ struct Invocation {
     Library library;
     QStringList arguments;
     bool json = false;
+    bool progress = false;
+    // Options with a value, by name without the dashes: "to", "index", "library", "folder".
+    QHash<QString, QString> options;
 };
 
 int init(const Invocation &call) {
@@ -429,6 +438,212 @@ int watch(const Invocation &call) {
     return finish(library);
 }
 
+// --- Operations ---------------------------------------------------------------------------------
+
+// The sheets and containers that the arguments name, in the order given; null after reporting.
+bool resolveItems(const Library &library, const QStringList &given,
+                  QList<std::shared_ptr<HXSheetHandle>> *handles, QList<HXContainerRef> *containers,
+                  int *status) {
+    for (const QString &name : given) {
+        const auto item = resolve(library, name, status);
+        if (!item)
+            return false;
+        if (item->isContainer()) {
+            const auto container = std::static_pointer_cast<HXContainer>(item);
+            if (container->isIntrinsic() || !container->parent()) {
+                *status = HXCommandLineTool::fail(QStringLiteral("%1: can't be moved").arg(name));
+                return false;
+            }
+            containers->append(container);
+        } else {
+            handles->append(std::static_pointer_cast<HXSheetHandle>(item));
+        }
+    }
+    return true;
+}
+
+// "progress N/M" on standard error, at most ten lines a second, the last one always.
+class ProgressPrinter {
+public:
+    explicit ProgressPrinter(bool enabled)
+        : m_enabled(enabled) {
+        m_clock.start();
+    }
+    void report(qint64 done, quint64 total, bool last) {
+        if (!m_enabled)
+            return;
+        const std::lock_guard lock(m_mutex);
+        if (done == m_printed)
+            return;
+        qint64 wait = m_clock.isValid() && m_printed >= 0 ? 100 - m_clock.elapsed() : 0;
+        if (wait > 0 && !last)
+            return;
+        if (wait > 0)
+            QThread::msleep(quint64(wait));
+        std::fprintf(stderr, "progress %lld/%llu\n", done, static_cast<unsigned long long>(total));
+        std::fflush(stderr);
+        m_printed = done;
+        m_clock.restart();
+    }
+
+private:
+    const bool m_enabled;
+    std::mutex m_mutex;
+    QElapsedTimer m_clock;
+    qint64 m_printed = -1;
+};
+
+// Runs the operations one after another (so that none refuses the next), printing progress, and
+// reports each failed item on a line of its own. Items done stay done.
+int runOperations(const QList<std::shared_ptr<HXContainerOperation>> &operations,
+                  const Invocation &call, const QList<Library> &libraries) {
+    quint64 total = 0;
+    for (const auto &operation : operations)
+        total += operation->workLoadSize();
+    ProgressPrinter printer(call.progress || ::isatty(STDERR_FILENO));
+    qint64 before = 0;
+    bool failed = false;
+    for (const auto &operation : operations) {
+        operation->setProgressHandler([&printer, &operation, before, total](double) {
+            printer.report(before + operation->processedWorkLoad(), total, false);
+        });
+        if (!HXStorageOperationQueue::sharedInstance()->addOperation(operation)) {
+            for (const auto &item : operation->affectedItems())
+                HXCommandLineTool::failLine(
+                    QStringLiteral("%1: busy with another operation").arg(item->URL()));
+            failed = true;
+            continue;
+        }
+        operation->waitUntilFinished();
+        operation->setProgressHandler(nullptr);
+        before += operation->processedWorkLoad();
+        for (const auto &failure : operation->failures()) {
+            HXCommandLineTool::failLine(
+                QStringLiteral("%1: %2").arg(failure.itemName, failure.error.localizedDescription()));
+            failed = true;
+        }
+        if (operation->isCancelled() && operation->failures().isEmpty()) {
+            HXCommandLineTool::failLine(QStringLiteral("%1: stopped").arg(operation->displayTitle()));
+            failed = true;
+        }
+    }
+    printer.report(before, total, true);
+    // Blocks the operations left for the main queue (pending marks, insertions) run now.
+    QCoreApplication::sendPostedEvents();
+    for (const Library &library : libraries)
+        finish(library);
+    return failed ? 1 : 0;
+}
+
+// The container that "--to" names, in the library given.
+HXContainerRef targetContainer(const Library &library, const Invocation &call, int *status) {
+    const QString given = call.options.value(QStringLiteral("to"));
+    if (given.isNull()) {
+        *status = HXCommandLineTool::fail(QStringLiteral("library: expected --to PARENT"));
+        return nullptr;
+    }
+    const auto item = resolve(library, given, status);
+    if (!item)
+        return nullptr;
+    if (!item->isContainer()) {
+        *status = HXCommandLineTool::fail(QStringLiteral("%1: not a group").arg(given));
+        return nullptr;
+    }
+    return std::static_pointer_cast<HXContainer>(item);
+}
+
+int moveOrCopy(const Invocation &call, bool copy) {
+    const Library &library = call.library;
+    int status = 0;
+    QList<std::shared_ptr<HXSheetHandle>> handles;
+    QList<HXContainerRef> containers;
+    if (!resolveItems(library, call.arguments, &handles, &containers, &status))
+        return status;
+    Library targetLibrary = library;
+    if (copy && call.options.contains(QStringLiteral("library"))) {
+        targetLibrary = openLibrary(call.options.value(QStringLiteral("library")), false, &status);
+        if (!targetLibrary)
+            return status;
+    }
+    const auto target = targetContainer(targetLibrary, call, &status);
+    if (!target)
+        return status;
+    quint64 index = HXNotFound;
+    if (call.options.contains(QStringLiteral("index"))) {
+        bool valid = false;
+        index = call.options.value(QStringLiteral("index")).toULongLong(&valid);
+        if (!valid)
+            return HXCommandLineTool::fail(QStringLiteral("library: --index expects a number"));
+    }
+    // Each item must be allowed there before anything starts.
+    for (const auto &container : std::as_const(containers)) {
+        const quint64 mask = copy ? target->operationForCreatingContainerOfKind(container->kind())
+                                  : target->operationForInsertingContainer(container);
+        if (!(mask & 3))
+            return HXCommandLineTool::fail(QStringLiteral("%1: can't be put into %2")
+                                               .arg(container->URL(), target->URL()));
+    }
+    for (const auto &handle : std::as_const(handles)) {
+        const quint64 mask = copy ? target->operationForCreatingSheet()
+                                  : target->operationForInsertingSheetHandle(handle);
+        if (!(mask & 3))
+            return HXCommandLineTool::fail(
+                QStringLiteral("%1: can't be put into %2").arg(handle->URL(), target->URL()));
+    }
+    QList<std::shared_ptr<HXContainerOperation>> operations;
+    if (!containers.isEmpty())
+        operations.append(copy ? HXMoveOperation::copyOperationForContainers(containers, target, index)
+                               : HXMoveOperation::moveOperationForContainers(containers, target, index));
+    if (!handles.isEmpty())
+        operations.append(copy ? HXMoveOperation::copyOperationForSheetHandles(handles, target, index)
+                               : HXMoveOperation::moveOperationForSheetHandles(handles, target, index));
+    QList<Library> libraries{library};
+    if (targetLibrary != library)
+        libraries.append(targetLibrary);
+    return runOperations(operations, call, libraries);
+}
+
+int move(const Invocation &call) {
+    return moveOrCopy(call, false);
+}
+
+int copy(const Invocation &call) {
+    return moveOrCopy(call, true);
+}
+
+int removeItems(const Invocation &call, bool trash) {
+    const Library &library = call.library;
+    int status = 0;
+    QList<std::shared_ptr<HXSheetHandle>> handles;
+    QList<HXContainerRef> containers;
+    if (!resolveItems(library, call.arguments, &handles, &containers, &status))
+        return status;
+    QList<HXStorageItemRef> items(handles.begin(), handles.end());
+    items.append(QList<HXStorageItemRef>(containers.begin(), containers.end()));
+    for (const auto &item : std::as_const(items)) {
+        if (item->isDescendantOfTrash() != !trash)
+            return HXCommandLineTool::fail(
+                (trash ? u"%1: in the trash already"_s : u"%1: not in the trash"_s)
+                    .arg(item->URL()));
+    }
+    QList<std::shared_ptr<HXContainerOperation>> operations;
+    if (!containers.isEmpty())
+        operations.append(trash ? HXRemoveOperation::trashOperationForContainers(containers)
+                                : HXRemoveOperation::removeOperationForContainers(containers));
+    if (!handles.isEmpty())
+        operations.append(trash ? HXRemoveOperation::trashOperationForSheetHandles(handles)
+                                : HXRemoveOperation::removeOperationForSheetHandles(handles));
+    return runOperations(operations, call, {library});
+}
+
+int trash(const Invocation &call) {
+    return removeItems(call, true);
+}
+
+int remove(const Invocation &call) {
+    return removeItems(call, false);
+}
+
 struct Command {
     QLatin1StringView name;
     // Counts of arguments after the command; LIB is the first, optional where the count may be
@@ -437,18 +652,57 @@ struct Command {
     qsizetype maximum;
     const char *usage; // UTF-8
     int (*run)(const Invocation &call);
+    // The options the command takes, each with its dashes; those with a value end in '='.
+    QLatin1StringView options = {};
 };
 
 const Command commands[] = {
     {QLatin1StringView("init"), 0, 1, "[LIB]", init},
-    {QLatin1StringView("tree"), 0, 1, "[LIB] [--json]", tree},
+    {QLatin1StringView("tree"), 0, 1, "[LIB] [--json]", tree, QLatin1StringView("--json")},
     {QLatin1StringView("add-group"), 3, 3, "LIB PARENT NAME", addGroup},
     {QLatin1StringView("add-sheet"), 2, 3, "LIB PARENT [TEXT-FILE]", addSheet},
     {QLatin1StringView("rename"), 3, 3, "LIB ITEM NAME", rename},
     {QLatin1StringView("reorder"), 3, 3, "LIB ITEM INDEX", reorder},
     {QLatin1StringView("cluster"), 3, 1 << 30, "LIB SHEET SHEET…", cluster},
     {QLatin1StringView("watch"), 0, 1, "[LIB]", watch},
+    {QLatin1StringView("move"), 2, 1 << 30, "LIB ITEM… --to PARENT [--index N] [--progress]", move,
+     QLatin1StringView("--to= --index= --progress")},
+    {QLatin1StringView("copy"), 2, 1 << 30, "LIB ITEM… --to PARENT [--library LIB2] [--progress]",
+     copy, QLatin1StringView("--to= --library= --progress")},
+    {QLatin1StringView("trash"), 2, 1 << 30, "LIB ITEM… [--progress]", trash,
+     QLatin1StringView("--progress")},
+    {QLatin1StringView("delete"), 2, 1 << 30, "LIB ITEM… [--progress]", remove,
+     QLatin1StringView("--progress")},
 };
+
+// Takes the command's options out of the arguments; false after reporting one it doesn't take.
+bool takeOptions(const Command &command, Invocation *call, int *status) {
+    const QStringList accepted = QString(command.options).split(u' ', Qt::SkipEmptyParts);
+    QStringList rest;
+    for (qsizetype i = 0; i < call->arguments.size(); ++i) {
+        const QString &argument = call->arguments.at(i);
+        if (!argument.startsWith(QStringLiteral("--"))) {
+            rest.append(argument);
+            continue;
+        }
+        if (accepted.contains(argument)) {
+            if (argument == QStringLiteral("--json"))
+                call->json = true;
+            else if (argument == QStringLiteral("--progress"))
+                call->progress = true;
+            continue;
+        }
+        if (accepted.contains(argument + u'=') && i + 1 < call->arguments.size()) {
+            call->options.insert(argument.mid(2), call->arguments.at(++i));
+            continue;
+        }
+        *status = HXCommandLineTool::fail(
+            QStringLiteral("library %1: expected %2").arg(command.name, QString::fromUtf8(command.usage)));
+        return false;
+    }
+    call->arguments = rest;
+    return true;
+}
 
 } // namespace
 
@@ -459,8 +713,9 @@ int HXLibraryCommand(const QStringList &arguments) {
             continue;
         Invocation call;
         call.arguments = arguments.mid(1);
-        if (command.run == tree)
-            call.json = call.arguments.removeAll(QStringLiteral("--json")) > 0;
+        int failure = 0;
+        if (!command.options.isEmpty() && !takeOptions(command, &call, &failure))
+            return failure;
         if (call.arguments.size() < command.minimum || call.arguments.size() > command.maximum)
             return HXCommandLineTool::fail(QStringLiteral("library %1: expected %2")
                                                .arg(command.name, QString::fromUtf8(command.usage)));
@@ -473,5 +728,6 @@ int HXLibraryCommand(const QStringList &arguments) {
         return command.run(call);
     }
     return HXCommandLineTool::fail(QStringLiteral(
-        "library: expected init, tree, add-group, add-sheet, rename, reorder, cluster or watch"));
+        "library: expected init, tree, add-group, add-sheet, rename, reorder, cluster, watch, "
+        "move, copy, trash or delete"));
 }

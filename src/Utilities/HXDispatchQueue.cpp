@@ -9,9 +9,11 @@
 #include <QThreadPool>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <exception>
 #include <limits>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -338,4 +340,53 @@ void HXDispatchQueue::finished(bool barrier) {
     if (barrier)
         m_barrierRunning = false;
     pumpLocked();
+}
+
+void HXDispatchQueue::apply(qsizetype count, const std::function<void(qsizetype)> &block) {
+    if (count <= 0)
+        return;
+    struct Work {
+        const std::function<void(qsizetype)> &block;
+        const qsizetype count;
+        std::atomic<qsizetype> next = 0;
+        std::mutex mutex;
+        std::condition_variable condition;
+        int running = 0;
+        std::exception_ptr failure;
+        void run() {
+            for (qsizetype index; (index = next++) < count;) {
+                try {
+                    block(index);
+                } catch (...) {
+                    const std::lock_guard lock(mutex);
+                    if (!failure)
+                        failure = std::current_exception();
+                    next = count;
+                }
+            }
+        }
+    };
+    // The helpers hold the work through a shared pointer: one the pool starts late finds
+    // nothing left to do, after the caller has returned.
+    auto work = std::shared_ptr<Work>(new Work{block, count});
+    const int helpers = int(std::min<qsizetype>(count, std::max(2, QThread::idealThreadCount()))) - 1;
+    for (int i = 0; i < helpers; ++i) {
+        threadPool()->start([work] {
+            {
+                const std::lock_guard lock(work->mutex);
+                if (work->next.load() >= work->count)
+                    return;
+                ++work->running;
+            }
+            work->run();
+            const std::lock_guard lock(work->mutex);
+            --work->running;
+            work->condition.notify_all();
+        });
+    }
+    work->run();
+    std::unique_lock lock(work->mutex);
+    work->condition.wait(lock, [&] { return work->running == 0; });
+    if (work->failure)
+        std::rethrow_exception(work->failure);
 }

@@ -69,6 +69,12 @@ public:
     // Dispatches the block asynchronously once the delay has passed.
     void after(std::chrono::milliseconds delay, std::function<void()> block);
 
+    // Calls the block once for each index below the count, on helpers of the pool and on the
+    // calling thread together, and returns when all calls are done. An index no helper has taken
+    // up is done by the caller rather than waited for, so a busy pool never holds it up. A block
+    // that throws ends the loop; the first failure is thrown again here.
+    static void apply(qsizetype count, const std::function<void(qsizetype index)> &block);
+
 private:
     struct Waiter;
     struct Item {

@@ -26,9 +26,14 @@ public:
     QString changeTokenForItemAtURL(const QString &url) const override;
     QString filenameForPreferredFilename(const QString &preferred, const QString &current,
                                          const std::shared_ptr<HXContainer> &container) override;
-    QString preferredFilenameForSheet() const;
-    QString preferredFilenameForContainerOfKind(HXStorageItemKind kind) const;
-    std::shared_ptr<HXSheet> newSheetMatchingMarkup(const std::shared_ptr<HXMarkup> &markup);
+    QString preferredFilenameForSheet() const override;
+    QString preferredFilenameForContainerOfKind(HXStorageItemKind kind) const override;
+    std::shared_ptr<HXSheet>
+    newSheetMatchingMarkup(const std::shared_ptr<HXMarkup> &markup) override;
+    bool writeNewContainerAtURL(const QString &url, const HXContainerRef &prototype,
+                                HXError *error) override {
+        return createContainerAtURL(url, prototype, error);
+    }
 
     QString defaultMarkupIdentifier() const;
     std::shared_ptr<HXMarkup> defaultMarkup() const;

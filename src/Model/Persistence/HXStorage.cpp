@@ -1,5 +1,6 @@
 #include "Model/Persistence/HXStorage.h"
 
+#include "Model/Sheets/HXSheet.h"
 #include "Model/StorageTree/HXConditionFilter.h"
 #include "Model/StorageTree/HXGroup.h"
 #include "Model/StorageTree/HXSheetHandle.h"
@@ -626,4 +627,293 @@ QString HXStorage::systemTrashPath() {
 bool HXStorage::isInSystemTrash(const QString &url) {
     return HXFileCoordinator::isAncestorOrSelf(systemTrashPath(),
                                                HXFileCoordinator::standardizedPath(url));
+}
+
+// --- Changing the tree ------------------------------------------------------------------------
+
+namespace {
+
+HXStorageItemKind itemKindOf(HXContainerKind kind) {
+    switch (kind) {
+    case HXContainerKind::Filter:
+        return HXStorageItemKind::Filter;
+    case HXContainerKind::Trash:
+        return HXStorageItemKind::Trash;
+    case HXContainerKind::Group:
+        break;
+    }
+    return HXStorageItemKind::Group;
+}
+
+// The reserved place takes the name, before the file arrives, so that the order is ready when
+// the tree hears of it.
+void substituteSentinel(const HXContainerRef &container, bool isContainer, quint64 sentinel,
+                        const QString &filename) {
+    const auto group = std::dynamic_pointer_cast<HXGroup>(container);
+    if (!group || sentinel == HXNotFound)
+        return;
+    if (isContainer)
+        group->substituteContainerSentinel(sentinel, filename);
+    else
+        group->substituteSheetHandleSentinel(sentinel, filename);
+}
+
+void assertSupported(bool supported, const HXContainerRef &container) {
+    HX_ASSERT(supported, u"Operation not supported by container: %@", container->URL());
+}
+
+} // namespace
+
+bool HXStorage::writeNewContainerAtURL(const QString &, const HXContainerRef &, HXError *error) {
+    HXSetError(error, HXError::fileError(HXFileWriteUnknownError, baseURL(),
+                                         QStringLiteral("This library can't make groups.")));
+    return false;
+}
+
+std::shared_ptr<HXSheetHandle> HXStorage::createSheetInContainer(const HXContainerRef &container,
+                                                                 quint64 sentinel,
+                                                                 HXError *error) {
+    assertSupported(container->operationForCreatingSheet() & 3, container);
+    const auto sheet = newSheetMatchingMarkup(nullptr);
+    if (!sheet) {
+        HXSetError(error, HXError::fileError(HXFileWriteUnknownError, container->URL(),
+                                             QStringLiteral("This library can't make sheets.")));
+        return nullptr;
+    }
+    return createSheet(sheet, sentinel, container, {}, error);
+}
+
+std::shared_ptr<HXSheetHandle> HXStorage::createSheet(const std::shared_ptr<HXSheet> &sheet,
+                                                      quint64 sentinel,
+                                                      const HXContainerRef &container,
+                                                      const QDateTime &creationDate,
+                                                      HXError *error) {
+    HXFileCoordinator coordinator;
+    for (;;) {
+        const QString filename =
+            filenameForPreferredFilename(preferredFilenameForSheet(), {}, container);
+        const QString url = container->URL() + u'/' + filename;
+        bool taken = false;
+        bool saved = false;
+        const bool coordinated =
+            coordinator.coordinateWritingItemAtURL(url, 0, error, [&](const QString &path) {
+                if (HXFileIdentity::ofPath(path).exists) {
+                    taken = true;
+                    return;
+                }
+                substituteSentinel(container, false, sentinel, filename);
+                saved = sheet->coordinatedSaveToURL(path, HXDocument::SaveOperationSave, error);
+                if (saved && creationDate.isValid())
+                    HXFileSystem::setCreationDate(path, creationDate);
+            });
+        if (taken)
+            continue;
+        if (!coordinated || !saved)
+            return nullptr;
+        storageItemDidAppearAtURL(url);
+        container->saveMetadataIfNeeded();
+        return std::dynamic_pointer_cast<HXSheetHandle>(itemAtURL(url));
+    }
+}
+
+HXContainerRef HXStorage::createContainerOfKind(HXContainerKind kind,
+                                                const HXContainerRef &container,
+                                                const QString &displayName, quint64 sentinel,
+                                                HXError *error) {
+    assertSupported(container->operationForCreatingContainerOfKind(kind) & 3, container);
+    const HXStorageItemKind itemKind = itemKindOf(kind);
+    HXFileCoordinator coordinator;
+    for (;;) {
+        const QString filename = filenameForPreferredFilename(
+            preferredFilenameForContainerOfKind(itemKind), {}, container);
+        const auto prototype = newContainer(itemKind, filename);
+        if (!prototype) {
+            HXSetError(error, HXError::fileError(HXFileWriteUnknownError, container->URL(),
+                                                 QStringLiteral("This library can't make it.")));
+            return nullptr;
+        }
+        prototype->setDisplayName(displayName);
+        const QString url = container->URL() + u'/' + filename;
+        bool taken = false;
+        bool made = false;
+        const bool coordinated =
+            coordinator.coordinateWritingItemAtURL(url, 0, error, [&](const QString &path) {
+                if (HXFileIdentity::ofPath(path).exists) {
+                    taken = true;
+                    return;
+                }
+                substituteSentinel(container, true, sentinel, filename);
+                made = writeNewContainerAtURL(path, prototype, error);
+            });
+        if (taken)
+            continue;
+        if (!coordinated || !made)
+            return nullptr;
+        storageItemDidAppearAtURL(url);
+        container->saveMetadataIfNeeded();
+        return std::dynamic_pointer_cast<HXContainer>(itemAtURL(url));
+    }
+}
+
+std::shared_ptr<HXSheetHandle> HXStorage::copySheet(const std::shared_ptr<HXSheet> &sheet,
+                                                    const HXContainerRef &container,
+                                                    quint64 sentinel, HXError *error) {
+    const auto copy = newSheetMatchingMarkup(sheet->markup());
+    if (!copy) {
+        HXSetError(error, HXError::fileError(HXFileWriteUnknownError, container->URL(),
+                                             QStringLiteral("This library can't make sheets.")));
+        return nullptr;
+    }
+    sheet->copyToSheet(*copy);
+    const QDateTime created =
+        sheet->fileURL().isEmpty() ? QDateTime() : HXFileSystem::creationDate(sheet->fileURL());
+    // The copy is let go closed; a source loaded for reading holds no presenter, and goes with
+    // its last user.
+    auto handle = createSheet(copy, sentinel, container, created, error);
+    copy->closeWithCompletionHandler(nullptr);
+    return handle;
+}
+
+HXContainerRef HXStorage::copyContainer(const HXContainerRef &source,
+                                        const HXContainerRef &container, quint64 sentinel,
+                                        HXError *error) {
+    assertSupported(container->operationForCreatingContainerOfKind(source->kind()) & 3,
+                    container);
+    const HXStorageItemKind itemKind = itemKindOf(source->kind());
+    const QVariantMap contents = source->infoFileContents(true);
+    HXFileCoordinator coordinator;
+    for (;;) {
+        const QString filename = filenameForPreferredFilename(
+            preferredFilenameForContainerOfKind(itemKind), {}, container);
+        const auto prototype = newContainer(itemKind, filename);
+        if (!prototype) {
+            HXSetError(error, HXError::fileError(HXFileWriteUnknownError, container->URL(),
+                                                 QStringLiteral("This library can't make it.")));
+            return nullptr;
+        }
+        prototype->setInfoFileContents(contents);
+        const QString url = container->URL() + u'/' + filename;
+        bool taken = false;
+        bool made = false;
+        const bool coordinated =
+            coordinator.coordinateWritingItemAtURL(url, 0, error, [&](const QString &path) {
+                if (HXFileIdentity::ofPath(path).exists) {
+                    taken = true;
+                    return;
+                }
+                substituteSentinel(container, true, sentinel, filename);
+                made = writeNewContainerAtURL(path, prototype, error);
+            });
+        if (taken)
+            continue;
+        if (!coordinated || !made)
+            return nullptr;
+        storageItemDidAppearAtURL(url);
+        container->saveMetadataIfNeeded();
+        return std::dynamic_pointer_cast<HXContainer>(itemAtURL(url));
+    }
+}
+
+bool HXStorage::moveSheetHandle(const std::shared_ptr<HXSheetHandle> &handle,
+                                const HXContainerRef &container, quint64 sentinel,
+                                HXError *error) {
+    HX_ASSERT((container->operationForInsertingSheetHandle(handle) & 3) == HXContainer::OperationMove,
+              u"Operation not supported by container: %@", container->URL());
+    if (handle->parent() == container) {
+        substituteSentinel(container, false, sentinel, handle->filename());
+        container->saveMetadataIfNeeded();
+        return true;
+    }
+    return moveStorageItem(handle, container, sentinel, error);
+}
+
+bool HXStorage::moveContainer(const HXContainerRef &source, const HXContainerRef &container,
+                              quint64 sentinel, HXError *error) {
+    HX_ASSERT((container->operationForInsertingContainer(source) & 3) == HXContainer::OperationMove,
+              u"Operation not supported by container: %@", container->URL());
+    if (source->parent() == container) {
+        substituteSentinel(container, true, sentinel, source->filename());
+        container->saveMetadataIfNeeded();
+        return true;
+    }
+    return moveStorageItem(source, container, sentinel, error);
+}
+
+bool HXStorage::moveStorageItem(const HXStorageItemRef &item, const HXContainerRef &container,
+                                quint64 sentinel, HXError *error) {
+    HX_ASSERT(item->storage().get() == this && container->storage().get() == this,
+              u"item.storage == container.storage");
+    HXFileCoordinator coordinator;
+    const QString from = item->URL();
+    bool moved = false;
+    for (;;) {
+        const QString filename = filenameForPreferredFilename(item->filename(), {}, container);
+        const QString to = container->URL() + u'/' + filename;
+        bool taken = false;
+        const bool coordinated = coordinator.coordinateWritingItemAtURL(
+            from, HXFileCoordinator::WritingForMoving, to, HXFileCoordinator::WritingForReplacing,
+            error, [&](const QString &source, const QString &target) {
+                if (HXFileIdentity::ofPath(target).exists) {
+                    taken = true;
+                    return;
+                }
+                substituteSentinel(container, item->isContainer(), sentinel, filename);
+                // Never over a name that appeared since the check.
+                if (!HXFileSystem::moveItem(source, target, false, error)) {
+                    taken = HXFileIdentity::ofPath(target).exists &&
+                            HXFileIdentity::ofPath(source).exists;
+                    return;
+                }
+                HXFileSystem::syncParentFolder(target);
+                HXFileSystem::syncParentFolder(source);
+                coordinator.itemAtURL(source, target);
+                storageItemAtURL(source, target);
+                moved = true;
+            });
+        if (taken)
+            continue;
+        if (!coordinated)
+            return false;
+        break;
+    }
+    if (moved)
+        container->saveMetadataIfNeeded();
+    return moved;
+}
+
+bool HXStorage::removeSheetHandle(const std::shared_ptr<HXSheetHandle> &handle, HXError *error) {
+    const auto parent = handle->parent();
+    HX_ASSERT(parent && parent->operationForRemovingSheetHandle(handle),
+              u"Operation not allowed by container: %@", parent ? parent->URL() : QString());
+    return removeItem(handle, error);
+}
+
+bool HXStorage::removeContainer(const HXContainerRef &container, HXError *error) {
+    const auto parent = container->parent();
+    HX_ASSERT(parent && parent->operationForRemovingContainer(container),
+              u"Operation not allowed by container: %@", parent ? parent->URL() : QString());
+    return removeItem(container, error);
+}
+
+bool HXStorage::removeItem(const HXStorageItemRef &item, HXError *error) {
+    const QString url = item->URL();
+    const auto parent = item->parent();
+    bool removed = false;
+    HXFileCoordinator coordinator;
+    const bool coordinated = coordinator.coordinateWritingItemAtURL(
+        url, HXFileCoordinator::WritingForDeleting, error, [&](const QString &path) {
+            removed = HXFileSystem::removeItem(path, error);
+            if (removed)
+                HXFileSystem::syncParentFolder(path);
+        });
+    if (coordinated && removed)
+        storageItemWasDeletedAtURL(url);
+    if (parent)
+        parent->saveMetadataIfNeeded();
+    return coordinated && removed;
+}
+
+QSet<QString> HXStorage::lossDescriptionsForCopyingSheet(const HXSheet &sheet) {
+    const auto target = newSheetMatchingMarkup(sheet.markup());
+    return target ? sheet.lossDescriptionsForCopyingToSheet(*target) : QSet<QString>();
 }

@@ -3,6 +3,8 @@
 #include "Model/StorageTree/HXContainer.h"
 #include "Utilities/HXFilePresenter.h"
 
+#include <QDateTime>
+#include <QSet>
 #include <QVariant>
 
 #include <functional>
@@ -10,6 +12,7 @@
 
 class HXFilePresentationProxy;
 class HXGroup;
+class HXMarkup;
 class HXSheet;
 class HXSheetHandle;
 class HXStaticFilter;
@@ -96,6 +99,51 @@ public:
     void storageItemWasDeletedAtURL(const QString &url);
     void storageItemAtURL(const QString &oldURL, const QString &newURL);
     void storageItemDidChangeAtURL(const QString &url);
+
+    // --- What a concrete storage makes -------------------------------------------------------
+    virtual QString preferredFilenameForSheet() const { return {}; }
+    virtual QString preferredFilenameForContainerOfKind(HXStorageItemKind) const { return {}; }
+    // A new sheet, without a file, in the markup or the storage's default.
+    virtual std::shared_ptr<HXSheet> newSheetMatchingMarkup(const std::shared_ptr<HXMarkup> &) {
+        return nullptr;
+    }
+    // Makes the folder of a new container at the path with the prototype's info.
+    virtual bool writeNewContainerAtURL(const QString &url, const HXContainerRef &prototype,
+                                        HXError *error);
+
+    // --- Changing the tree -------------------------------------------------------------------
+    // The primitive actions of the operations. Each runs under file coordination, puts the new
+    // item at the place a sentinel of the target reserved (`HXNotFound`: none) and enters it in
+    // the tree before returning. Each asserts that the container allows the action. A name that
+    // someone else takes meanwhile makes the action choose another.
+    std::shared_ptr<HXSheetHandle> createSheetInContainer(const HXContainerRef &container,
+                                                          quint64 sentinel, HXError *error);
+    // `sheet` is saved as the new sheet; with a valid date, the file takes it as creation date.
+    std::shared_ptr<HXSheetHandle> createSheet(const std::shared_ptr<HXSheet> &sheet,
+                                               quint64 sentinel, const HXContainerRef &container,
+                                               const QDateTime &creationDate, HXError *error);
+    HXContainerRef createContainerOfKind(HXContainerKind kind, const HXContainerRef &container,
+                                         const QString &displayName, quint64 sentinel,
+                                         HXError *error);
+    // A copy of the sheet (closed afterwards) with the source's creation date.
+    std::shared_ptr<HXSheetHandle> copySheet(const std::shared_ptr<HXSheet> &sheet,
+                                             const HXContainerRef &container, quint64 sentinel,
+                                             HXError *error);
+    // A new container with the source's info, and no children.
+    HXContainerRef copyContainer(const HXContainerRef &source, const HXContainerRef &container,
+                                 quint64 sentinel, HXError *error);
+    bool moveSheetHandle(const std::shared_ptr<HXSheetHandle> &handle,
+                         const HXContainerRef &container, quint64 sentinel, HXError *error);
+    bool moveContainer(const HXContainerRef &source, const HXContainerRef &container,
+                       quint64 sentinel, HXError *error);
+    bool removeSheetHandle(const std::shared_ptr<HXSheetHandle> &handle, HXError *error);
+    bool removeContainer(const HXContainerRef &container, HXError *error);
+    // What a sheet loses when copied into a new sheet of this storage.
+    QSet<QString> lossDescriptionsForCopyingSheet(const HXSheet &sheet);
+    // The file move of both move actions, within this storage.
+    bool moveStorageItem(const HXStorageItemRef &item, const HXContainerRef &container,
+                         quint64 sentinel, HXError *error);
+    bool removeItem(const HXStorageItemRef &item, HXError *error);
 
     // --- The storage's own file --------------------------------------------------------------
     virtual QString infoFileURL() const { return {}; }

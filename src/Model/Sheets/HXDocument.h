@@ -177,13 +177,14 @@ public:
     void presentedItemDidMoveToURL(const QString &url) override;
     void presentedItemDidChange() override;
 
+    // The save proper, for a caller that holds the coordinated write of the URL already.
+    bool coordinatedSaveToURL(const QString &url, int saveOperation, HXError *error);
+
 protected:
     HXDocument();
 
     // The file read under coordination: the subclass's reading and the state of an open file.
     bool coordinatedOpenFromURL(const QString &url, HXError *error);
-    // The save proper, inside the coordinated write.
-    bool coordinatedSaveToURL(const QString &url, int saveOperation, HXError *error);
     bool writeSafelyToURL(const QString &url, int saveOperation, HXError *error);
     // Drops the presenter and a pending autosave; the document is closed and clean.
     void close();

@@ -12,6 +12,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <limits>
+
 namespace {
 
 std::atomic<int> suggestedDelay = 300 * 1000;
@@ -512,4 +514,61 @@ void HXContainer::willChange(HXContainerKey key) {
 
 void HXContainer::didChange(HXContainerKey key) {
     announce(key, false);
+}
+
+// --- Operations putting items here ------------------------------------------------------------
+
+namespace {
+
+void assertMainQueue() {
+    HX_ASSERT(HXDispatchQueue::isMainThread(), u"Setter may be only called from main queue.");
+}
+
+} // namespace
+
+void HXContainer::registerInsertingOperation(const std::shared_ptr<HXOperation> &operation,
+                                             quint64 workload) {
+    assertMainQueue();
+    const std::lock_guard lock(m_observerMutex);
+    m_insertingOperations.append(operation);
+    m_maximumInsertionWorkload += workload;
+}
+
+void HXContainer::insertingOperationDidProgress(const std::shared_ptr<HXOperation> &,
+                                                quint64 workload) {
+    assertMainQueue();
+    const std::lock_guard lock(m_observerMutex);
+    m_processedInsertionWorkload += workload;
+}
+
+void HXContainer::unregisterInsertingOperation(const std::shared_ptr<HXOperation> &operation) {
+    assertMainQueue();
+    const std::lock_guard lock(m_observerMutex);
+    m_insertingOperations.removeAll(operation);
+    if (m_insertingOperations.isEmpty()) {
+        m_maximumInsertionWorkload = 0;
+        m_processedInsertionWorkload = 0;
+    }
+}
+
+QList<std::shared_ptr<HXOperation>> HXContainer::insertingOperations() const {
+    const std::lock_guard lock(m_observerMutex);
+    return m_insertingOperations;
+}
+
+quint64 HXContainer::maximumInsertionWorkload() const {
+    const std::lock_guard lock(m_observerMutex);
+    return m_maximumInsertionWorkload;
+}
+
+quint64 HXContainer::processedInsertionWorkload() const {
+    const std::lock_guard lock(m_observerMutex);
+    return m_processedInsertionWorkload;
+}
+
+double HXContainer::insertingOperationsProgress() const {
+    const std::lock_guard lock(m_observerMutex);
+    return m_maximumInsertionWorkload == 0
+               ? std::numeric_limits<double>::quiet_NaN()
+               : double(m_processedInsertionWorkload) / double(m_maximumInsertionWorkload);
 }

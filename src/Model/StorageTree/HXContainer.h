@@ -50,6 +50,8 @@ public:
 // make the container follow its children, lazily: nothing is watched until someone listens.
 // Observers hear the changes on the thread that makes them. Any thread; the liveness and the
 // info-file state are guarded by `lock`.
+class HXOperation;
+
 class HXContainer : public HXStorageItem {
 public:
     static constexpr quint64 OperationMove = 1;
@@ -148,6 +150,20 @@ public:
     // The delays of the two slower speeds; tests shorten them.
     static void setInfoFileDelaysForTesting(int suggestedMilliseconds, int writeMilliseconds);
 
+    // --- Operations putting items here ---------------------------------------------------------
+    // Main thread only: operations hop there to register. The maximum is the sum of the
+    // workloads registered since the container last had none; the progress is processed over
+    // maximum, not a number when the maximum is 0.
+    void registerInsertingOperation(const std::shared_ptr<HXOperation> &operation,
+                                    quint64 workload);
+    void insertingOperationDidProgress(const std::shared_ptr<HXOperation> &operation,
+                                       quint64 workload);
+    void unregisterInsertingOperation(const std::shared_ptr<HXOperation> &operation);
+    QList<std::shared_ptr<HXOperation>> insertingOperations() const;
+    quint64 maximumInsertionWorkload() const;
+    quint64 processedInsertionWorkload() const;
+    double insertingOperationsProgress() const;
+
     // --- Observers -----------------------------------------------------------------------------
     void addObserver(const std::weak_ptr<HXContainerObserver> &observer, HXContainerKey key);
     void removeObserver(const HXContainerObserver *observer, HXContainerKey key);
@@ -175,6 +191,9 @@ private:
     bool m_observesChildren = false;
     QList<QPair<std::weak_ptr<HXContainerObserver>, HXContainerKey>> m_observers;
     QSet<HXContainer *> m_observedContainers;
+    QList<std::shared_ptr<HXOperation>> m_insertingOperations;
+    quint64 m_maximumInsertionWorkload = 0;
+    quint64 m_processedInsertionWorkload = 0;
     // The containers above that mirror this one's aggregate changes.
     QList<std::weak_ptr<HXContainer>> m_aggregateObservers;
 };
