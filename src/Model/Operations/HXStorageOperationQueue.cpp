@@ -52,14 +52,24 @@ bool HXStorageOperationQueue::addOperation(const std::shared_ptr<HXStorageOperat
                                  const HXStorageOperation::Items &b) {
             return verifyItemsIncludeItems(a, b) || verifyItemsIncludeItems(b, a);
         };
-        for (const auto &existing : std::as_const(m_operations)) {
+        // A finished operation leaves the list in its completion block, which may still be on
+        // its way: it constrains nothing.
+        const auto live = [&] {
+            QList<std::shared_ptr<HXStorageOperation>> running;
+            for (const auto &existing : std::as_const(m_operations)) {
+                if (!existing->isFinished())
+                    running.append(existing);
+            }
+            return running;
+        }();
+        for (const auto &existing : live) {
             const auto &moving = existing->movingItems();
             if (overlaps(moving, operation->readingItems()) ||
                 overlaps(moving, operation->appendingItems()) ||
                 overlaps(moving, operation->movingItems()))
                 return false;
         }
-        for (const auto &existing : std::as_const(m_operations)) {
+        for (const auto &existing : live) {
             if (verifyItemsIncludeItems(operation->movingItems(), existing->affectedItems()) ||
                 overlaps(existing->readingItems(), operation->appendingItems()) ||
                 overlaps(existing->appendingItems(), operation->readingItems()) ||

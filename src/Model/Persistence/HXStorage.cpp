@@ -721,6 +721,14 @@ HXContainerRef HXStorage::createContainerOfKind(HXContainerKind kind,
                                                 const QString &displayName, quint64 sentinel,
                                                 HXError *error) {
     assertSupported(container->operationForCreatingContainerOfKind(kind) & 3, container);
+    return createContainer(kind, container, sentinel, error, [&](const HXContainerRef &made) {
+        made->setDisplayName(displayName);
+    });
+}
+
+HXContainerRef HXStorage::createContainer(HXContainerKind kind, const HXContainerRef &container,
+                                          quint64 sentinel, HXError *error,
+                                          const std::function<void(const HXContainerRef &)> &prepare) {
     const HXStorageItemKind itemKind = itemKindOf(kind);
     HXFileCoordinator coordinator;
     for (;;) {
@@ -732,7 +740,7 @@ HXContainerRef HXStorage::createContainerOfKind(HXContainerKind kind,
                                                  QStringLiteral("This library can't make it.")));
             return nullptr;
         }
-        prototype->setDisplayName(displayName);
+        prepare(prototype);
         const QString url = container->URL() + u'/' + filename;
         bool taken = false;
         bool made = false;
@@ -779,39 +787,9 @@ HXContainerRef HXStorage::copyContainer(const HXContainerRef &source,
                                         HXError *error) {
     assertSupported(container->operationForCreatingContainerOfKind(source->kind()) & 3,
                     container);
-    const HXStorageItemKind itemKind = itemKindOf(source->kind());
     const QVariantMap contents = source->infoFileContents(true);
-    HXFileCoordinator coordinator;
-    for (;;) {
-        const QString filename = filenameForPreferredFilename(
-            preferredFilenameForContainerOfKind(itemKind), {}, container);
-        const auto prototype = newContainer(itemKind, filename);
-        if (!prototype) {
-            HXSetError(error, HXError::fileError(HXFileWriteUnknownError, container->URL(),
-                                                 QStringLiteral("This library can't make it.")));
-            return nullptr;
-        }
-        prototype->setInfoFileContents(contents);
-        const QString url = container->URL() + u'/' + filename;
-        bool taken = false;
-        bool made = false;
-        const bool coordinated =
-            coordinator.coordinateWritingItemAtURL(url, 0, error, [&](const QString &path) {
-                if (HXFileIdentity::ofPath(path).exists) {
-                    taken = true;
-                    return;
-                }
-                substituteSentinel(container, true, sentinel, filename);
-                made = writeNewContainerAtURL(path, prototype, error);
-            });
-        if (taken)
-            continue;
-        if (!coordinated || !made)
-            return nullptr;
-        storageItemDidAppearAtURL(url);
-        container->saveMetadataIfNeeded();
-        return std::dynamic_pointer_cast<HXContainer>(itemAtURL(url));
-    }
+    return createContainer(source->kind(), container, sentinel, error,
+                           [&](const HXContainerRef &made) { made->setInfoFileContents(contents); });
 }
 
 bool HXStorage::moveSheetHandle(const std::shared_ptr<HXSheetHandle> &handle,

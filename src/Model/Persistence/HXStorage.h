@@ -193,6 +193,10 @@ protected:
     std::shared_ptr<HXStorageItem> itemAtURLLocked(const QString &url) const;
 
 private:
+    // Makes a new container's folder under a free name, the prototype prepared by the block.
+    HXContainerRef createContainer(HXContainerKind kind, const HXContainerRef &container,
+                                   quint64 sentinel, HXError *error,
+                                   const std::function<void(const HXContainerRef &)> &prepare);
     void readFolder(const std::shared_ptr<HXContainer> &container);
     // Reads the item of that kind at the path, known to lie in the container; the monitor is
     // held.

@@ -323,9 +323,13 @@ void HXMarkup::postStructureNotification() {
         return;
     }
     invalidateDefaultTags();
-    std::erase_if(m_observers,
-                  [](const std::weak_ptr<HXMarkupObserver> &o) { return o.expired(); });
-    const auto observers = m_observers;
+    std::vector<std::weak_ptr<HXMarkupObserver>> observers;
+    {
+        const std::lock_guard lock(m_observerMutex);
+        std::erase_if(m_observers,
+                      [](const std::weak_ptr<HXMarkupObserver> &o) { return o.expired(); });
+        observers = m_observers;
+    }
     for (const auto &weak : observers) {
         if (const auto observer = weak.lock())
             observer->markupChangedStructure(*this);
@@ -348,12 +352,15 @@ void HXMarkup::endEditing() {
 }
 
 void HXMarkup::addMarkupObserver(const std::shared_ptr<HXMarkupObserver> &observer) {
+    const std::lock_guard lock(m_observerMutex);
     m_observers.push_back(observer);
 }
 
 void HXMarkup::removeMarkupObserver(const std::shared_ptr<HXMarkupObserver> &observer) {
+    const std::lock_guard lock(m_observerMutex);
     std::erase_if(m_observers, [&](const std::weak_ptr<HXMarkupObserver> &o) {
-        return o.expired() || o.lock() == observer;
+        // By control block: a lock() here could end the last hold on another observer.
+        return o.expired() || (!o.owner_before(observer) && !observer.owner_before(o));
     });
 }
 

@@ -144,6 +144,8 @@ private:
     std::atomic<quint64> m_parserTablesGeneration{0};
     const quint64 m_serial;
     QList<HXTextTagRef> m_readTags;
+    // Sheets on any thread come and go as observers.
+    mutable std::mutex m_observerMutex;
     std::vector<std::weak_ptr<HXMarkupObserver>> m_observers;
     bool m_isEditing = false;
     bool m_didChange = false;

@@ -1,0 +1,250 @@
+#include "HXTestSupport.h"
+#include "Model/Operations/HXMoveOperation.h"
+#include "Model/Operations/HXRemoveOperation.h"
+#include "Model/Operations/HXStorageOperationQueue.h"
+#include "Model/Persistence/HXLibrary.h"
+#include "Model/Persistence/HXNativeGroup.h"
+#include "Model/Sheets/HXNativeSheet.h"
+#include "Model/StorageTree/HXSheetHandle.h"
+#include "Model/StorageTree/HXTrash.h"
+#include "Text/String/Access/HXAtomicString.h"
+#include "Utilities/HXFileSystem.h"
+
+#include <QCoreApplication>
+#include <QDir>
+
+#include <semaphore>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+using Handles = QList<std::shared_ptr<HXSheetHandle>>;
+
+HXContainerRef makeGroup(const std::shared_ptr<HXLibrary> &library, const QString &name) {
+    HXError error;
+    auto group = library->createContainerOfKind(HXContainerKind::Group, library->mainGroup(), name,
+                                                HXNotFound, &error);
+    if (!group)
+        qWarning() << error.localizedDescription();
+    return group;
+}
+
+std::shared_ptr<HXSheetHandle> makeSheet(const std::shared_ptr<HXLibrary> &library,
+                                         const HXContainerRef &group, const QString &text) {
+    const auto sheet = library->newSheetMatchingMarkup({});
+    sheet->text()->replaceCharactersInRange(HXRange{0, 0}, HXReplacement(text));
+    HXError error;
+    return library->createSheet(sheet, HXNotFound, group, {}, &error);
+}
+
+QString textOf(const std::shared_ptr<HXSheetHandle> &handle) {
+    const auto sheet = handle->loadSheetForReading();
+    return sheet ? sheet->text()->string() : u"(unreadable)"_s;
+}
+
+// The texts of the group's sheets, clusters joined by "+": "a+b c".
+QString contents(const HXContainerRef &group) {
+    QStringList shown;
+    const Handles handles = group->sheetHandles();
+    for (qsizetype i = 0; i < handles.size(); ++i) {
+        const HXRange cluster = group->clusterRangeForSheetHandleIndex(quint64(i));
+        const bool joined = cluster.length > 1 && quint64(i) > cluster.location;
+        if (joined)
+            shown.last() += u'+' + textOf(handles.at(i));
+        else
+            shown.append(textOf(handles.at(i)));
+    }
+    return shown.join(u' ');
+}
+
+void run(const std::shared_ptr<HXStorageOperation> &operation) {
+    QVERIFY(HXStorageOperationQueue::sharedInstance()->addOperation(operation));
+    operation->waitUntilFinished();
+    // What the operation left for the main queue: pending marks, progress, insertions.
+    QCoreApplication::sendPostedEvents();
+}
+
+} // namespace
+
+class TestStorageOperations : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_folder;
+    int m_libraries = 0;
+
+    std::shared_ptr<HXLibrary> newLibrary() {
+        const QString path = m_folder.filePath(u"Library%1"_s.arg(++m_libraries));
+        return HXLibrary::libraryAtURL(path, path);
+    }
+
+private slots:
+    // A new operation against one that is queued: refused when it touches what the other moves,
+    // made to wait when their footprints overlap otherwise, free when they don't.
+    void admission_data() {
+        QTest::addColumn<QString>("existing");
+        QTest::addColumn<QString>("added");
+        QTest::addColumn<QString>("outcome");
+        // Footprints: reading/appending/moving, each a list of A (a group), A1 (a group in A),
+        // s (a sheet in A1), B (another group).
+        QTest::newRow("moving a group whose parent moves") << "//A" << "//A1" << "refused";
+        QTest::newRow("moving a parent of what moves") << "//A1" << "//A" << "refused";
+        QTest::newRow("moving a sheet inside a moving group") << "//A" << "//s" << "refused";
+        QTest::newRow("copying into what moves away") << "//A" << "B/A1/" << "refused";
+        QTest::newRow("reading what moves") << "//A1" << "s//" << "refused";
+        QTest::newRow("reading where another appends") << "/B/" << "B//" << "waits";
+        QTest::newRow("appending where another reads") << "A//" << "/A1/" << "waits";
+        QTest::newRow("moving what another reads") << "s//" << "//A1" << "waits";
+        QTest::newRow("two appenders") << "/B/" << "/B/" << "runs";
+        QTest::newRow("unrelated moves") << "//B" << "//A" << "runs";
+    }
+    void admission() {
+        QFETCH(QString, existing);
+        QFETCH(QString, added);
+        QFETCH(QString, outcome);
+        const auto library = newLibrary();
+        const auto a = makeGroup(library, u"A"_s);
+        const auto b = makeGroup(library, u"B"_s);
+        HXError error;
+        const auto a1 =
+            library->createContainerOfKind(HXContainerKind::Group, a, u"A1"_s, HXNotFound, &error);
+        QVERIFY(a1);
+        const auto s = makeSheet(library, a1, u"s"_s);
+        QVERIFY(s);
+        const QHash<QString, HXStorageItemRef> nodes{{u"A"_s, a}, {u"A1"_s, a1}, {u"s"_s, s}, {u"B"_s, b}};
+        const auto parse = [&](const QString &footprint, auto block) {
+            QList<HXStorageOperation::Items> lists;
+            for (const QString &part : footprint.split(u'/')) {
+                HXStorageOperation::Items items;
+                for (const QString &name : part.split(u',', Qt::SkipEmptyParts))
+                    items.append(nodes.value(name));
+                lists.append(items);
+            }
+            return std::make_shared<HXContainerOperation>(block, lists.at(0), lists.at(1),
+                                                          lists.at(2), u"t"_s, u"d"_s, 1);
+        };
+        std::binary_semaphore release{0};
+        const auto first = parse(existing, [&](HXContainerOperation &) { release.acquire(); });
+        const auto second = parse(added, [](HXContainerOperation &) {});
+        const auto queue = HXStorageOperationQueue::sharedInstance();
+        QVERIFY(queue->addOperation(first));
+        const bool admitted = queue->addOperation(second);
+        QCOMPARE(admitted ? (second->dependencies().contains(first) ? u"waits"_s : u"runs"_s)
+                          : u"refused"_s,
+                 outcome);
+        release.release();
+        queue->waitUntilAllOperationsAreFinished();
+        QCoreApplication::sendPostedEvents();
+        QVERIFY(!s->isPendingForMove());
+    }
+
+    // Within a library, sheets are renamed into their places: in the order given, at the
+    // index, a cluster kept a cluster; a group moves with all it holds.
+    void moveWithinLibrary() {
+        const auto library = newLibrary();
+        const auto a = makeGroup(library, u"A"_s);
+        const auto b = makeGroup(library, u"B"_s);
+        Handles sheets;
+        for (const QString &text : {u"1"_s, u"2"_s, u"3"_s, u"4"_s})
+            sheets.append(makeSheet(library, a, text));
+        makeSheet(library, b, u"t"_s);
+        a->setClustered(true, HXRange{1, 2});
+        QCOMPARE(contents(a), u"1 2+3 4"_s);
+        const QString inode = QString::number(HXFileIdentity::ofPath(sheets.at(1)->URL()).inode);
+        run(HXMoveOperation::moveOperationForSheetHandles({sheets.at(0), sheets.at(1), sheets.at(2)},
+                                                          b, 0));
+        QCOMPARE(contents(b), u"1 2+3 t"_s);
+        QCOMPARE(contents(a), u"4"_s);
+        QCOMPARE(QString::number(HXFileIdentity::ofPath(sheets.at(1)->URL()).inode), inode);
+
+        run(HXMoveOperation::moveOperationForContainers({b}, a, HXNotFound));
+        QCOMPARE(a->containers(), QList<HXContainerRef>{b});
+        QCOMPARE(contents(b), u"1 2+3 t"_s);
+        // The order survives a fresh read of the library.
+        library->writePendingInfoFiles();
+        const auto again = HXLibrary::libraryAtURL(library->baseURL(), u"again"_s);
+        const auto reread = std::dynamic_pointer_cast<HXContainer>(again->itemAtURL(b->URL()));
+        QVERIFY(reread);
+        QCOMPARE(contents(reread), u"1 2+3 t"_s);
+    }
+
+    // Between libraries a move is a copy and then a removal: the cluster arrives as a
+    // cluster, and the sources go only when every copy is there.
+    void moveBetweenLibraries() {
+        const auto source = newLibrary();
+        const auto target = newLibrary();
+        const auto a = makeGroup(source, u"A"_s);
+        const auto t = makeGroup(target, u"T"_s);
+        Handles sheets;
+        for (const QString &text : {u"1"_s, u"2"_s, u"3"_s})
+            sheets.append(makeSheet(source, a, text));
+        a->setClustered(true, HXRange{0, 2});
+        run(HXMoveOperation::moveOperationForSheetHandles(sheets, t, HXNotFound));
+        QCOMPARE(contents(t), u"1+2 3"_s);
+        QCOMPARE(contents(a), QString());
+        QCOMPARE(QDir(a->URL()).entryList({u"*.velmora"_s}), QStringList());
+
+        // A source that can't be read stops the copy: every source stays.
+        const auto b = makeGroup(source, u"B"_s);
+        sheets.clear();
+        for (const QString &text : {u"x"_s, u"y"_s, u"z"_s})
+            sheets.append(makeSheet(source, b, text));
+        QFile damaged(sheets.at(1)->URL() + u"/Content.xml"_s);
+        QVERIFY(damaged.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        damaged.write("<sheet");
+        damaged.close();
+        const auto operation = HXMoveOperation::moveOperationForSheetHandles(sheets, t, HXNotFound);
+        run(operation);
+        QCOMPARE(b->sheetHandles().size(), 3);
+        for (const auto &handle : sheets)
+            QVERIFY(HXFileIdentity::ofPath(handle->URL() + u"/Content.xml"_s).exists);
+
+        // A group between libraries: copied whole with its order, then removed.
+        run(HXMoveOperation::moveOperationForContainers({a}, target->mainGroup(), 0));
+        QCOMPARE(source->mainGroup()->containers(), QList<HXContainerRef>{b});
+        const auto moved = target->mainGroup()->containers().value(0);
+        QVERIFY(moved);
+        QCOMPARE(moved->displayName(), u"A"_s);
+    }
+
+    // Trashing is a move into the trash, which remembers where each item came from; deleting
+    // from the trash removes the files.
+    void trashAndDelete() {
+        const auto library = newLibrary();
+        const auto a = makeGroup(library, u"A"_s);
+        const auto first = makeSheet(library, a, u"first"_s);
+        const auto second = makeSheet(library, a, u"second"_s);
+        run(HXRemoveOperation::trashOperationForSheetHandles({second}));
+        const auto trash = std::dynamic_pointer_cast<HXTrash>(library->trash());
+        QCOMPARE(second->parent(), library->trash());
+        const QVariantMap source = trash->sheetHandleSources().value(second->filename()).toMap();
+        QCOMPARE(library->itemForPersistentObject(source.value(HXTrash::originalParentKey)), a);
+        QCOMPARE(source.value(HXTrash::originalIndexKey).toULongLong(), 1u);
+
+        const QString url = second->URL();
+        run(HXRemoveOperation::removeOperationForSheetHandles({second}));
+        QVERIFY(!HXFileIdentity::ofPath(url).exists);
+        QVERIFY(library->trash()->sheetHandles().isEmpty());
+        QCOMPARE(contents(a), u"first"_s);
+        Q_UNUSED(first);
+    }
+
+    // A name that is taken in the target makes the move choose another; nothing is replaced.
+    void takenNameGetsAnother() {
+        const auto library = newLibrary();
+        const auto a = makeGroup(library, u"A"_s);
+        const auto b = makeGroup(library, u"B"_s);
+        const auto sheet = makeSheet(library, a, u"mine"_s);
+        const QString squatter = b->URL() + u'/' + sheet->filename();
+        QVERIFY(QDir().mkpath(squatter));
+        run(HXMoveOperation::moveOperationForSheetHandles({sheet}, b, HXNotFound));
+        QCOMPARE(sheet->parent(), b);
+        QVERIFY(sheet->URL() != squatter);
+        QCOMPARE(textOf(sheet), u"mine"_s);
+        QVERIFY(QDir(squatter).isEmpty());
+    }
+};
+
+HX_TEST_MAIN(TestStorageOperations)
+#include "tst_HXStorageOperations.moc"
