@@ -1,6 +1,8 @@
 #include "Cli/HXCommandLineTool.h"
+#include "Model/Operations/HXImportOperation.h"
 #include "Model/Operations/HXMoveOperation.h"
 #include "Model/Operations/HXRemoveOperation.h"
+#include "Model/Operations/HXSaveToOperation.h"
 #include "Model/Operations/HXStorageOperationQueue.h"
 #include "Model/Persistence/HXLibrary.h"
 #include "Model/Persistence/HXNativeGroup.h"
@@ -495,8 +497,10 @@ private:
 
 // Runs the operations one after another (so that none refuses the next), printing progress, and
 // reports each failed item on a line of its own. Items done stay done.
+// A save-to that stops at existing files says so itself (`quietCancel`).
 int runOperations(const QList<std::shared_ptr<HXContainerOperation>> &operations,
-                  const Invocation &call, const QList<Library> &libraries) {
+                  const Invocation &call, const QList<Library> &libraries,
+                  bool quietCancel = false) {
     quint64 total = 0;
     for (const auto &operation : operations)
         total += operation->workLoadSize();
@@ -518,11 +522,13 @@ int runOperations(const QList<std::shared_ptr<HXContainerOperation>> &operations
         operation->setProgressHandler(nullptr);
         before += operation->processedWorkLoad();
         for (const auto &failure : operation->failures()) {
-            HXCommandLineTool::failLine(
-                QStringLiteral("%1: %2").arg(failure.itemName, failure.error.localizedDescription()));
+            QString problem = failure.error.localizedDescription();
+            if (const QString reason = failure.error.localizedFailureReason(); !reason.isEmpty())
+                problem += u' ' + reason;
+            HXCommandLineTool::failLine(QStringLiteral("%1: %2").arg(failure.itemName, problem));
             failed = true;
         }
-        if (operation->isCancelled() && operation->failures().isEmpty()) {
+        if (operation->isCancelled() && operation->failures().isEmpty() && !quietCancel) {
             HXCommandLineTool::failLine(QStringLiteral("%1: stopped").arg(operation->displayTitle()));
             failed = true;
         }
@@ -644,6 +650,96 @@ int remove(const Invocation &call) {
     return removeItems(call, false);
 }
 
+int import(const Invocation &call) {
+    const Library &library = call.library;
+    int status = 0;
+    HXContainerRef target;
+    if (call.options.contains(QStringLiteral("to"))) {
+        target = targetContainer(library, call, &status);
+        if (!target)
+            return status;
+    }
+    // Files that can't become sheets or groups are named; the others go on.
+    bool failed = false;
+    QStringList urls;
+    for (const QString &given : call.arguments) {
+        const QString url = QFileInfo(given).absoluteFilePath();
+        if (!QFileInfo::exists(url)) {
+            HXCommandLineTool::failLine(QStringLiteral("%1: no such file").arg(given));
+            failed = true;
+        } else if (!HXImportOperation::isImportableSheetAtURL(url) &&
+                   !HXImportOperation::isImportableContainerAtURL(url)) {
+            HXCommandLineTool::failLine(
+                QStringLiteral("%1: neither a sheet, a plain-text file nor a folder").arg(given));
+            failed = true;
+        } else {
+            urls.append(url);
+        }
+    }
+    QStringList folders, sheets;
+    HXImportOperation::getContainerURLs(&folders, &sheets, urls);
+    const HXContainerRef folderTarget =
+        target ? target : library->defaultContainerForItemOfKind(HXStorageItemKind::Group);
+    const HXContainerRef sheetTarget =
+        target ? target : library->defaultContainerForItemOfKind(HXStorageItemKind::Sheet);
+    if (!folders.isEmpty() && !(folderTarget->operationForCreatingContainerOfKind(
+                                    HXContainerKind::Group) & 3))
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: can't hold groups").arg(folderTarget->URL()));
+    if (!sheets.isEmpty() && !(sheetTarget->operationForCreatingSheet() & 3))
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: can't hold sheets").arg(sheetTarget->URL()));
+    QList<std::shared_ptr<HXContainerOperation>> operations;
+    if (!folders.isEmpty())
+        operations.append(
+            HXImportOperation::importOperationForFolderURLs(folders, folderTarget, HXNotFound));
+    if (!sheets.isEmpty())
+        operations.append(
+            HXImportOperation::importOperationForSheetURLs(sheets, sheetTarget, HXNotFound));
+    return runOperations(operations, call, {library}) || failed ? 1 : 0;
+}
+
+int saveTo(const Invocation &call) {
+    const Library &library = call.library;
+    const QString folder = call.options.value(QStringLiteral("folder"));
+    if (folder.isEmpty())
+        return HXCommandLineTool::fail(QStringLiteral("library save-to: expected --folder DIR"));
+    const QString url = QFileInfo(folder).absoluteFilePath();
+    if (QFileInfo::exists(url) && !QFileInfo(url).isDir())
+        return HXCommandLineTool::fail(QStringLiteral("%1: not a folder").arg(folder));
+    HXError error;
+    if (!QFileInfo::exists(url) && !HXFileSystem::makeFolder(url, &error))
+        return HXCommandLineTool::fail(
+            QStringLiteral("%1: %2").arg(folder, error.localizedDescription()));
+    int status = 0;
+    QList<std::shared_ptr<HXSheetHandle>> handles;
+    QList<HXContainerRef> containers;
+    if (!resolveItems(library, call.arguments, &handles, &containers, &status))
+        return status;
+    // With more than one item each name starts with its place, so that the order survives.
+    const int width = int(QString::number(std::max(handles.size(), containers.size())).size());
+    QList<std::shared_ptr<HXContainerOperation>> operations;
+    QStringList existing;
+    const auto refuseExisting = [&existing](const QStringList &urls) -> std::optional<QStringList> {
+        existing += urls;
+        return std::nullopt;
+    };
+    if (!containers.isEmpty()) {
+        const auto operation = HXSaveToOperation::saveToOperationForContainers(containers, url, width);
+        operation->setExistingFileHandler(refuseExisting);
+        operations.append(operation);
+    }
+    if (!handles.isEmpty()) {
+        const auto operation = HXSaveToOperation::saveToOperationForSheetHandles(handles, url, width);
+        operation->setExistingFileHandler(refuseExisting);
+        operations.append(operation);
+    }
+    const int result = runOperations(operations, call, {library}, true);
+    for (const QString &path : std::as_const(existing))
+        HXCommandLineTool::failLine(QStringLiteral("%1: exists already").arg(path));
+    return result || !existing.isEmpty() ? 1 : 0;
+}
+
 struct Command {
     QLatin1StringView name;
     // Counts of arguments after the command; LIB is the first, optional where the count may be
@@ -673,6 +769,10 @@ const Command commands[] = {
      QLatin1StringView("--progress")},
     {QLatin1StringView("delete"), 2, 1 << 30, "LIB ITEM… [--progress]", remove,
      QLatin1StringView("--progress")},
+    {QLatin1StringView("import"), 2, 1 << 30, "LIB FILE… [--to PARENT] [--progress]", import,
+     QLatin1StringView("--to= --progress")},
+    {QLatin1StringView("save-to"), 2, 1 << 30, "LIB ITEM… --folder DIR [--progress]", saveTo,
+     QLatin1StringView("--folder= --progress")},
 };
 
 // Takes the command's options out of the arguments; false after reporting one it doesn't take.
@@ -729,5 +829,5 @@ int HXLibraryCommand(const QStringList &arguments) {
     }
     return HXCommandLineTool::fail(QStringLiteral(
         "library: expected init, tree, add-group, add-sheet, rename, reorder, cluster, watch, "
-        "move, copy, trash or delete"));
+        "move, copy, trash, delete, import or save-to"));
 }

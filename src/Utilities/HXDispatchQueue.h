@@ -8,7 +8,7 @@
 #include <memory>
 #include <mutex>
 
-class QThreadPool;
+#include <QThreadPool>
 
 // A queue of blocks, in the manner of the platform's dispatch queues.
 //
@@ -42,6 +42,16 @@ public:
     // Whether this thread is one of the pool's. A wait there should release its thread to the
     // pool while it waits, and reserve it again after, so that waits never starve the pool.
     static bool isPoolThread();
+    // Runs a blocking wait; on a pool thread, with the thread released to the pool meanwhile.
+    template<typename Wait>
+    static void waitReleasingPoolThread(Wait &&wait) {
+        const bool onPool = isPoolThread();
+        if (onPool)
+            threadPool()->releaseThread();
+        wait();
+        if (onPool)
+            threadPool()->reserveThread();
+    }
 
     ~HXDispatchQueue();
     HXDispatchQueue(const HXDispatchQueue &) = delete;

@@ -51,3 +51,19 @@ for args in "move $lib Library/B --to Library/B" "move $lib nothing.velmora --to
 done
 [ "$(order "$lib" B)" = "two three " ] || fail "a refusal changed B: $(order "$lib" B)"
 
+
+# Save a group to a folder and import it into another library: same texts, same order; a
+# second save refuses the names that exist; files that can't be imported are named.
+"$cli" library save-to "$lib" Library/B "$s1" --folder "$home/out" 2>"$home/err" && fail "saved a trashed-then-deleted sheet"
+"$cli" library save-to "$lib" Library/B --folder "$home/out"
+[ -d "$home/out/B" ] || fail "no folder B: $(ls "$home/out")"
+"$cli" library init "$home/Third"
+"$cli" library import "$home/Third" "$home/out/B" --to Library
+[ "$(order "$home/Third" B)" = "two three " ] || fail "imported B holds $(order "$home/Third" B)"
+if "$cli" library save-to "$lib" Library/B --folder "$home/out" 2>"$home/err"; then fail "overwrote"; fi
+grep -q 'out/B: exists already$' "$home/err" || fail "no refusal: $(cat "$home/err")"
+printf 'plain\r\n' >"$home/plain.txt"
+printf 'x' >"$home/image.png"
+if "$cli" library import "$lib" "$home/plain.txt" "$home/image.png" 2>"$home/err"; then fail "imported a png"; fi
+[ "$(wc -l <"$home/err")" -eq 1 ] || fail "import: not one line: $(cat "$home/err")"
+[ "$(order "$lib" Inbox)" = "plain " ] || fail "Inbox holds $(order "$lib" Inbox)"

@@ -1,6 +1,8 @@
 #include "HXTestSupport.h"
+#include "Model/Operations/HXImportOperation.h"
 #include "Model/Operations/HXMoveOperation.h"
 #include "Model/Operations/HXRemoveOperation.h"
+#include "Model/Operations/HXSaveToOperation.h"
 #include "Model/Operations/HXStorageOperationQueue.h"
 #include "Model/Persistence/HXLibrary.h"
 #include "Model/Persistence/HXNativeGroup.h"
@@ -12,6 +14,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 
 #include <semaphore>
 
@@ -56,6 +59,28 @@ QString contents(const HXContainerRef &group) {
             shown.append(textOf(handles.at(i)));
     }
     return shown.join(u' ');
+}
+
+void writeFile(const QString &path, const QByteArray &bytes) {
+    QDir().mkpath(path.section(u'/', 0, -2));
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(bytes);
+}
+
+// The names below the folder, sorted, as "dir/" and "file".
+QStringList listing(const QString &folder) {
+    QStringList names;
+    for (const QString &name : QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot)) {
+        if (name.endsWith(u".velmora"_s) || !QFileInfo(folder + u'/' + name).isDir()) {
+            names.append(name);
+            continue;
+        }
+        names.append(name + u'/');
+        for (const QString &inner : listing(folder + u'/' + name))
+            names.append(name + u'/' + inner);
+    }
+    return names;
 }
 
 void run(const std::shared_ptr<HXStorageOperation> &operation) {
@@ -243,6 +268,107 @@ private slots:
         QVERIFY(sheet->URL() != squatter);
         QCOMPARE(textOf(sheet), u"mine"_s);
         QVERIFY(QDir(squatter).isEmpty());
+    }
+
+    // Files come in as sheets and folders as groups, in the order of their numbers and without
+    // them; text in any common encoding arrives as the same characters with line feeds; and each
+    // new item is announced with the file it came from.
+    void importFilesAndFolders() {
+        const auto library = newLibrary();
+        const QString source = m_folder.filePath(u"import"_s);
+        writeFile(source + u"/1 - Part One/10 - ten.txt"_s, "ten\r\nlines");
+        writeFile(source + u"/1 - Part One/9 - nine.txt"_s, "nine\r");
+        writeFile(source + u"/1 - Part One/notes.pdf"_s, "%PDF");
+        writeFile(source + u"/1 - Part One/.hidden.txt"_s, "hidden");
+        writeFile(source + u"/1 - Part One/2 - Inner/x.text"_s, "x");
+        writeFile(source + u"/utf16.txt"_s, QByteArray("\xff\xfe") + QByteArray("\xe9\0t\0\xe9\0", 6));
+        writeFile(source + u"/latin1.txt"_s, "caf\xe9");
+        writeFile(source + u"/utf8.txt"_s, "\xef\xbb\xbf\xe2\x80\x9cq\xe2\x80\x9d");
+        const auto target = makeGroup(library, u"T"_s);
+        QStringList announced;
+        const auto operation = HXImportOperation::importOperationForURLs(
+            {source + u"/1 - Part One"_s, source + u"/utf16.txt"_s, source + u"/latin1.txt"_s,
+             source + u"/utf8.txt"_s},
+            target, HXNotFound, HXNotFound);
+        QCOMPARE(operation->workLoadSize(), 8u);
+        operation->setInsertionHandler([&](const HXStorageItemRef &, const HXStorageItemRef &,
+                                           const QString &url) {
+            announced.append(url.mid(source.size() + 1));
+        });
+        run(operation);
+        QVERIFY(operation->failures().isEmpty());
+        QCOMPARE(contents(target), u"été café “q”"_s);
+        const auto part = target->containers().value(0);
+        QVERIFY(part);
+        QCOMPARE(part->displayName(), u"Part One"_s);
+        QCOMPARE(contents(part), u"nine\n ten\nlines"_s);
+        QCOMPARE(part->containers().value(0)->displayName(), u"Inner"_s);
+        announced.sort();
+        QCOMPARE(announced, QStringList({u"1 - Part One"_s, u"1 - Part One/10 - ten.txt"_s,
+                                         u"1 - Part One/2 - Inner"_s,
+                                         u"1 - Part One/2 - Inner/x.text"_s,
+                                         u"1 - Part One/9 - nine.txt"_s, u"latin1.txt"_s,
+                                         u"utf16.txt"_s, u"utf8.txt"_s}));
+
+        // A file that isn't text fails by name; what came before stays.
+        writeFile(source + u"/binary.txt"_s, QByteArray("\0\x01\x02", 3));
+        const auto failing =
+            HXImportOperation::importOperationForSheetURLs({source + u"/binary.txt"_s}, target, 0);
+        run(failing);
+        QCOMPARE(failing->failures().size(), 1);
+        QCOMPARE(failing->failures().first().itemName, source + u"/binary.txt"_s);
+        QCOMPARE(target->sheetHandles().size(), 3);
+    }
+
+    // Saved to a folder, sheets take their titles and groups their names, numbered when there
+    // are several; an import of the folder brings back the same texts in the same order.
+    // Existing names are offered first: no answer writes nothing, an answer overwrites only the
+    // names chosen.
+    void saveToFolderAndBack() {
+        const auto library = newLibrary();
+        const auto a = makeGroup(library, u"A/B"_s);
+        makeSheet(library, a, u"# Title: one\ntext"_s);
+        makeSheet(library, a, u""_s);
+        makeSheet(library, a, u".hidden"_s);
+        const QString folder = m_folder.filePath(u"saved"_s);
+        QVERIFY(QDir().mkpath(folder));
+        QStringList promised;
+        run(HXSaveToOperation::saveToOperationForSheetHandles(a->sheetHandles(), folder, 2,
+                                                              &promised));
+        QCOMPARE(promised, QStringList({u"01 - Title- one.velmora"_s, u"02 - Untitled.velmora"_s,
+                                        u"03 - hidden.velmora"_s}));
+        QCOMPARE(listing(folder), promised);
+        run(HXSaveToOperation::saveToOperationForContainers({library->mainGroup()}, folder, 0));
+        QCOMPARE(listing(folder + u"/Library"_s),
+                 QStringList({u"A-B/"_s, u"A-B/1 - Title- one.velmora"_s,
+                              u"A-B/2 - Untitled.velmora"_s, u"A-B/3 - hidden.velmora"_s}));
+        const auto other = newLibrary();
+        run(HXImportOperation::importOperationForFolderURLs({folder + u"/Library/A-B"_s},
+                                                            other->mainGroup(), HXNotFound));
+        QCOMPARE(contents(other->mainGroup()->containers().value(0)), contents(a));
+
+        // One sheet has no number. Its name exists: the handler is asked.
+        QStringList offered;
+        std::optional<QStringList> answer;
+        const auto again = [&] {
+            const auto operation = HXSaveToOperation::saveToOperationForSheetHandles(
+                {a->sheetHandles().first(), a->sheetHandles().last()}, folder, 1);
+            operation->setExistingFileHandler([&](const QStringList &urls) {
+                offered = urls;
+                return answer;
+            });
+            run(operation);
+            return operation;
+        };
+        writeFile(folder + u"/1 - Title- one.velmora"_s, "old");
+        writeFile(folder + u"/2 - hidden.velmora"_s, "old");
+        QVERIFY(again()->isCancelled());
+        QCOMPARE(offered.size(), 2);
+        QCOMPARE(QFileInfo(folder + u"/1 - Title- one.velmora"_s).isDir(), false);
+        answer = QStringList{folder + u"/2 - hidden.velmora"_s};
+        QVERIFY(!again()->isCancelled());
+        QCOMPARE(QFileInfo(folder + u"/1 - Title- one.velmora"_s).isDir(), false);
+        QVERIFY(QFileInfo(folder + u"/2 - hidden.velmora/Content.xml"_s).exists());
     }
 };
 

@@ -19,14 +19,6 @@ QString localized(const QString &key) {
     return HXLocalizedString(key, QStringLiteral("HXMoveOperation"));
 }
 
-// Node state is the main thread's: changes hop there, at once when already there.
-void onMainThread(std::function<void()> block) {
-    if (HXDispatchQueue::isMainThread())
-        block();
-    else
-        HXDispatchQueue::mainQueue()->async(std::move(block));
-}
-
 HXError refusal(const std::shared_ptr<HXStorageItem> &item,
                 const std::shared_ptr<HXContainer> &target) {
     return HXError::fileError(HXFileWriteUnknownError, item->URL(),
@@ -183,25 +175,6 @@ QList<quint64> HXMoveOperation::clusterLengthsForSheetHandles(const HandleList &
         }
     }
     return lengths;
-}
-
-// --- Progress in the target -------------------------------------------------------------------
-
-void HXMoveOperation::registerInserting(const std::shared_ptr<HXContainer> &target,
-                                        quint64 workload) {
-    const auto self = shared_from_this();
-    onMainThread([target, self, workload] { target->registerInsertingOperation(self, workload); });
-}
-
-void HXMoveOperation::didProgress(const std::shared_ptr<HXContainer> &target, quint64 workload) {
-    const auto self = shared_from_this();
-    onMainThread(
-        [target, self, workload] { target->insertingOperationDidProgress(self, workload); });
-}
-
-void HXMoveOperation::unregisterInserting(const std::shared_ptr<HXContainer> &target) {
-    const auto self = shared_from_this();
-    onMainThread([target, self] { target->unregisterInsertingOperation(self); });
 }
 
 // --- The loss question ----------------------------------------------------------------------

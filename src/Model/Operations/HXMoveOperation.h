@@ -64,7 +64,4 @@ private:
     bool shouldCopySheetHandlesAndContainers(const HandleList &handles,
                                              const ContainerList &containers,
                                              const std::shared_ptr<HXContainer> &target);
-    void registerInserting(const std::shared_ptr<HXContainer> &target, quint64 workload);
-    void didProgress(const std::shared_ptr<HXContainer> &target, quint64 workload);
-    void unregisterInserting(const std::shared_ptr<HXContainer> &target);
 };

@@ -120,12 +120,45 @@ bool HXInsertingContainerOperation::shouldCopyToTarget(const std::shared_ptr<HXC
 }
 
 void HXInsertingContainerOperation::notifyInsertionOfItem(
-    const std::shared_ptr<HXStorageItem> &item, const std::shared_ptr<HXStorageItem> &source) {
+    const std::shared_ptr<HXStorageItem> &item, const std::shared_ptr<HXStorageItem> &source,
+    const QString &sourceURL) {
     InsertionHandler handler;
     {
         const std::lock_guard lock(m_handlerMutex);
         handler = m_insertionHandler;
     }
-    if (handler && item)
-        HXDispatchQueue::mainQueue()->async([handler, item, source] { handler(item, source); });
+    if (!handler || !item)
+        return;
+    const QString url = sourceURL.isEmpty() && source ? source->URL() : sourceURL;
+    HXDispatchQueue::mainQueue()->async([handler, item, source, url] { handler(item, source, url); });
+}
+
+namespace {
+
+// Node state is the main thread's: changes hop there, at once when already there.
+void onMainThread(std::function<void()> block) {
+    if (HXDispatchQueue::isMainThread())
+        block();
+    else
+        HXDispatchQueue::mainQueue()->async(std::move(block));
+}
+
+} // namespace
+
+void HXInsertingContainerOperation::registerInserting(const std::shared_ptr<HXContainer> &target,
+                                                      quint64 workload) {
+    const auto self = shared_from_this();
+    onMainThread([target, self, workload] { target->registerInsertingOperation(self, workload); });
+}
+
+void HXInsertingContainerOperation::didProgress(const std::shared_ptr<HXContainer> &target,
+                                                quint64 workload) {
+    const auto self = shared_from_this();
+    onMainThread(
+        [target, self, workload] { target->insertingOperationDidProgress(self, workload); });
+}
+
+void HXInsertingContainerOperation::unregisterInserting(const std::shared_ptr<HXContainer> &target) {
+    const auto self = shared_from_this();
+    onMainThread([target, self] { target->unregisterInsertingOperation(self); });
 }

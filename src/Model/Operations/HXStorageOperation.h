@@ -102,8 +102,11 @@ class HXInsertingContainerOperation : public HXContainerOperation {
 public:
     using LossyCopyConfirmationHandler = std::function<bool(
         const QSet<QString> &lossDescriptions, const std::shared_ptr<HXContainer> &target)>;
+    // The new item with where it came from: the node copied or moved, or the file imported
+    // (then without a node).
     using InsertionHandler = std::function<void(const std::shared_ptr<HXStorageItem> &item,
-                                                const std::shared_ptr<HXStorageItem> &source)>;
+                                                const std::shared_ptr<HXStorageItem> &source,
+                                                const QString &sourceURL)>;
 
     using HXContainerOperation::HXContainerOperation;
 
@@ -114,7 +117,14 @@ public:
     bool shouldCopyToTarget(const std::shared_ptr<HXContainer> &target,
                             const QSet<QString> &lossDescriptions);
     void notifyInsertionOfItem(const std::shared_ptr<HXStorageItem> &item,
-                               const std::shared_ptr<HXStorageItem> &source);
+                               const std::shared_ptr<HXStorageItem> &source,
+                               const QString &sourceURL = QString());
+
+protected:
+    // The target shows the work coming its way; these hop to the main thread.
+    void registerInserting(const std::shared_ptr<HXContainer> &target, quint64 workload);
+    void didProgress(const std::shared_ptr<HXContainer> &target, quint64 workload);
+    void unregisterInserting(const std::shared_ptr<HXContainer> &target);
 
 private:
     mutable std::mutex m_handlerMutex;

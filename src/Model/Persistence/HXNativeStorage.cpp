@@ -110,12 +110,9 @@ HXNativeStorage::filenameForPreferredFilename(const QString &preferred, const QS
     if (!current.isEmpty())
         return current;
     const QString folder = container ? container->URL() : baseURL();
-    const QSet<QString> taken = [&] {
-        const QStringList names = QDir(folder).entryList(QDir::AllEntries | QDir::Hidden |
-                                                         QDir::System | QDir::NoDotAndDotDot);
-        return QSet<QString>(names.begin(), names.end());
-    }();
-    if (!taken.contains(preferred))
+    // One look at the name, not a listing of the folder: the caller checks again under
+    // coordination and comes back when another writer took the name meanwhile.
+    if (!HXFileIdentity::ofPath(folder + u'/' + preferred).exists)
         return preferred;
     // Taken: a new identifier, with the kind the preferred name has.
     const HXStorageItemKind kind = classForFilename(folder + u'/' + preferred);

@@ -2,6 +2,7 @@
 
 #include "Utilities/HXApplicationLog.h"
 #include "Utilities/HXAssert.h"
+#include "Utilities/HXDispatchQueue.h"
 #include "Utilities/HXFileCoordinator.h"
 #include "Utilities/HXFilePresentationProxy.h"
 #include "Utilities/HXFileSystem.h"
@@ -937,7 +938,8 @@ bool HXDocument::waitForCompletion(const std::function<void(CompletionHandler)> 
         result = success;
         done.release();
     });
-    done.acquire();
+    // The open runs on the pool too: a pool thread waiting for it must not hold its place.
+    HXDispatchQueue::waitReleasingPoolThread([&] { done.acquire(); });
     return result;
 }
 

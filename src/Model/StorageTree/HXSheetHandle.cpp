@@ -39,7 +39,8 @@ std::shared_ptr<HXSheet> HXSheetHandle::loadSheetIfNeededReadOnly(bool readOnly)
         result = sheet;
         done.release();
     });
-    done.acquire();
+    // The open runs on the pool too: a pool thread waiting for it must not hold its place.
+    HXDispatchQueue::waitReleasingPoolThread([&] { done.acquire(); });
     return result;
 }
 
