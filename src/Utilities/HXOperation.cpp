@@ -139,6 +139,11 @@ QList<std::shared_ptr<HXOperation>> HXOperation::dependencies() const {
     return QList<std::shared_ptr<HXOperation>>(m_dependencies.begin(), m_dependencies.end());
 }
 
+std::function<void()> HXOperation::completionBlock() const {
+    std::lock_guard lock(m_mutex);
+    return m_completionBlock;
+}
+
 void HXOperation::setCompletionBlock(std::function<void()> block) {
     {
         std::lock_guard lock(m_mutex);

@@ -47,6 +47,7 @@ public:
     // Runs once on a pool thread after the operation has finished, cancelled or not; at once when
     // it has finished already.
     void setCompletionBlock(std::function<void()> block);
+    std::function<void()> completionBlock() const;
     // Returns once the operation has finished. A pool thread is given back to the pool meanwhile.
     void waitUntilFinished();
 

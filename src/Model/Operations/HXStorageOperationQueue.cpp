@@ -82,9 +82,12 @@ bool HXStorageOperationQueue::addOperation(const std::shared_ptr<HXStorageOperat
         onMainThread([item] { item->addPendingMove(); });
     }
     const std::weak_ptr<HXStorageOperation> weak = operation;
-    operation->setCompletionBlock([this, weak] {
+    // The caller's own completion block runs after the operation has left the list.
+    operation->setCompletionBlock([this, weak, own = operation->completionBlock()] {
         if (const auto finished = weak.lock())
             operationDidFinish(finished);
+        if (own)
+            own();
     });
     emit operationsChanged();
     m_operationQueue->addOperation(operation);

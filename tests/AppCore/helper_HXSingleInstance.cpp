@@ -1,0 +1,20 @@
+// A later start of the application, for the single-instance test: hands its arguments to the
+// running instance. Exits 0 when they were taken, 3 when nobody took them, 4 when it found no
+// instance running.
+//
+//   helper_HXSingleInstance FOLDER FILE…
+
+#include "AppCore/HXSingleInstance.h"
+
+#include <QCoreApplication>
+
+int main(int argc, char *argv[]) {
+    QCoreApplication application(argc, argv);
+    const QStringList arguments = application.arguments().mid(1);
+    if (arguments.isEmpty())
+        return 2;
+    HXSingleInstance instance(arguments.first());
+    if (instance.claim())
+        return 4;
+    return instance.handOver(arguments.mid(1)) ? 0 : 3;
+}
