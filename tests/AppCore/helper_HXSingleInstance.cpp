@@ -3,10 +3,13 @@
 // instance running.
 //
 //   helper_HXSingleInstance FOLDER FILE…
+//   helper_HXSingleInstance FOLDER --hold    becomes the instance, says "held", and stays
 
 #include "AppCore/HXSingleInstance.h"
 
 #include <QCoreApplication>
+
+#include <cstdio>
 
 int main(int argc, char *argv[]) {
     QCoreApplication application(argc, argv);
@@ -14,6 +17,13 @@ int main(int argc, char *argv[]) {
     if (arguments.isEmpty())
         return 2;
     HXSingleInstance instance(arguments.first());
+    if (arguments.value(1) == QStringLiteral("--hold")) {
+        if (!instance.claim())
+            return 3;
+        std::puts("held");
+        std::fflush(stdout);
+        return application.exec();
+    }
     if (instance.claim())
         return 4;
     return instance.handOver(arguments.mid(1)) ? 0 : 3;

@@ -1,5 +1,6 @@
 #include "AppCore/HXApplicationDelegate.h"
 #include "AppCore/HXApplicationState.h"
+#include "AppCore/HXSingleInstance.h"
 #include "AppCore/HXWindowController.h"
 #include "HXTestSupport.h"
 #include "Model/Operations/HXStorageOperationQueue.h"
@@ -131,6 +132,28 @@ private slots:
         QCOMPARE(groups.size(), 4);
         QCOMPARE(HXApplicationState::sharedInstance().windows().size(), 1);
         QVERIFY(!HXApplicationState::sharedInstance().mainWindow()->revealedItems().isEmpty());
+    }
+
+    // A process that died holding the instance leaves its lock and socket behind; the next
+    // start takes both over instead of waiting for it.
+    void deadInstanceIsTakenOver() {
+        const QString folder = m_folder.filePath(u"dead"_s);
+        QProcess holder;
+        holder.start(QStringLiteral(HELPER_PATH), {folder, u"--hold"_s});
+        QVERIFY(holder.waitForReadyRead(10000));
+        QCOMPARE(holder.readAll().trimmed(), QByteArray("held"));
+        HXSingleInstance later(folder);
+        QVERIFY(!later.claim());
+        holder.kill();
+        QVERIFY(holder.waitForFinished(10000));
+        QVERIFY(later.claim());
+        QSignalSpy received(&later, &HXSingleInstance::filesReceived);
+        QProcess second;
+        second.start(QStringLiteral(HELPER_PATH), {folder, u"x.txt"_s});
+        QTRY_COMPARE_WITH_TIMEOUT(second.state(), QProcess::NotRunning, 10000);
+        QCOMPARE(second.exitCode(), 0);
+        QCOMPARE(received.size(), 1);
+        QVERIFY(received.first().first().toStringList().first().endsWith(u"/x.txt"_s));
     }
 
     void gates() {
