@@ -255,6 +255,36 @@ private slots:
         Q_UNUSED(first);
     }
 
+    // A move cancelled half-way keeps what it did: each sheet is in one place, in the tree as on
+    // the disk, and the places reserved for the rest are given up.
+    void cancelledMoveKeepsWhatItDid() {
+        const auto library = newLibrary();
+        const auto a = makeGroup(library, u"A"_s);
+        const auto b = makeGroup(library, u"B"_s);
+        for (int i = 0; i < 60; ++i)
+            QVERIFY(makeSheet(library, a, QString::number(i)));
+        const auto operation = HXMoveOperation::moveOperationForSheetHandles(a->sheetHandles(), b, 0);
+        operation->setProgressHandler([&](double) { operation->cancel(); });
+        run(operation);
+        QVERIFY(operation->isCancelled());
+        const qsizetype moved = b->sheetHandles().size();
+        QVERIFY2(moved >= 1 && moved < 60, qPrintable(QString::number(moved)));
+        QCOMPARE(a->sheetHandles().size() + moved, 60);
+        library->writePendingInfoFiles();
+        const auto reread = HXLibrary::libraryAtURL(library->baseURL(), u"reread"_s);
+        const auto group = [&](const QString &name) {
+            for (const auto &container : reread->mainGroup()->containers()) {
+                if (container->displayName() == name)
+                    return container;
+            }
+            return HXContainerRef();
+        };
+        QCOMPARE(group(u"B"_s)->sheetHandles().size(), moved);
+        QCOMPARE(group(u"A"_s)->sheetHandles().size(), 60 - moved);
+        QStringList texts = (contents(group(u"A"_s)) + u' ' + contents(group(u"B"_s))).split(u' ');
+        QCOMPARE(QSet<QString>(texts.begin(), texts.end()).size(), 60);
+    }
+
     // A name that is taken in the target makes the move choose another; nothing is replaced.
     void takenNameGetsAnother() {
         const auto library = newLibrary();
