@@ -58,6 +58,38 @@ std::shared_ptr<HXMoveOperation> makeOperation(HXContainerOperation::Block block
         workload);
 }
 
+// Places each item into the target, concurrently, until one fails or the operation is
+// cancelled; `place` answers whether it placed the item, and tells when it did so by copying.
+// A move to another library lets the sources of the copies go only when every item is there.
+template<typename Item>
+void placeAll(HXContainerOperation &operation, const QList<std::shared_ptr<Item>> &items,
+              const std::function<bool(qsizetype index, bool *copied)> &place,
+              bool (HXStorage::*remove)(const std::shared_ptr<Item> &, HXError *)) {
+    std::atomic<bool> stopped = false;
+    std::mutex mutex;
+    QList<std::shared_ptr<Item>> copied;
+    HXDispatchQueue::apply(items.size(), [&](qsizetype i) {
+        if (stopped || operation.isCancelled())
+            return;
+        bool copy = false;
+        if (!place(i, &copy)) {
+            stopped = true;
+            return;
+        }
+        if (copy) {
+            const std::lock_guard lock(mutex);
+            copied.append(items.at(i));
+        }
+    });
+    if (stopped || operation.isCancelled())
+        return;
+    for (const auto &item : std::as_const(copied)) {
+        HXError error;
+        if (!(item->storage().get()->*remove)(item, &error))
+            operation.reportErrorToDelegate(error, item);
+    }
+}
+
 } // namespace
 
 // --- Making operations ----------------------------------------------------------------------
@@ -217,54 +249,34 @@ void HXMoveOperation::moveSheetHandles(const HandleList &handles,
     const QList<quint64> sentinels =
         sheetSentinels(target, clusterLengthsForSheetHandles(handles), index, handles);
     registerInserting(target, quint64(handles.size()));
-    if (!shouldCopySheetHandlesAndContainers(handles, {}, target)) {
-        unregisterInserting(target);
-        return;
-    }
-    const auto storage = target->storage();
-    std::atomic<bool> stopped = false;
-    std::mutex mutex;
-    HandleList copied;
-    HXDispatchQueue::apply(handles.size(), [&](qsizetype i) {
-        if (stopped || isCancelled())
-            return;
-        const auto &handle = handles.at(i);
-        const quint64 mask = target->operationForInsertingSheetHandle(handle) & 3;
-        HXError error;
-        std::shared_ptr<HXStorageItem> inserted;
-        if (mask == HXContainer::OperationMove) {
-            if (storage->moveSheetHandle(handle, target, sentinels.at(i), &error))
-                inserted = handle;
-        } else if (mask == HXContainer::OperationCopy) {
-            const auto sheet = handle->loadSheetForReading();
-            if (!sheet) {
-                stopped = true;
-                return;
-            }
-            inserted = storage->copySheet(sheet, target, sentinels.at(i), &error);
-            if (inserted) {
-                const std::lock_guard lock(mutex);
-                copied.append(handle);
-            }
-        } else {
-            error = refusal(handle, target);
-        }
-        if (!inserted) {
-            stopped = true;
-            reportErrorToDelegate(error, handle);
-            return;
-        }
-        incrementProcessedWorkLoad(1);
-        didProgress(target, 1);
-        notifyInsertionOfItem(inserted, handle);
-    });
-    // A move to another library lets the sources go only when every copy is there.
-    if (!stopped && !isCancelled()) {
-        for (const auto &handle : std::as_const(copied)) {
+    if (shouldCopySheetHandlesAndContainers(handles, {}, target)) {
+        const auto storage = target->storage();
+        placeAll<HXSheetHandle>(*this, handles, [&](qsizetype i, bool *copied) {
+            const auto &handle = handles.at(i);
+            const quint64 mask = target->operationForInsertingSheetHandle(handle) & 3;
             HXError error;
-            if (!handle->storage()->removeSheetHandle(handle, &error))
+            std::shared_ptr<HXStorageItem> inserted;
+            if (mask == HXContainer::OperationMove) {
+                if (storage->moveSheetHandle(handle, target, sentinels.at(i), &error))
+                    inserted = handle;
+            } else if (mask == HXContainer::OperationCopy) {
+                const auto sheet = handle->loadSheetForReading();
+                if (!sheet)
+                    return false;
+                inserted = storage->copySheet(sheet, target, sentinels.at(i), &error);
+                *copied = true;
+            } else {
+                error = refusal(handle, target);
+            }
+            if (!inserted) {
                 reportErrorToDelegate(error, handle);
-        }
+                return false;
+            }
+            incrementProcessedWorkLoad(1);
+            didProgress(target, 1);
+            notifyInsertionOfItem(inserted, handle);
+            return true;
+        }, &HXStorage::removeSheetHandle);
     }
     unregisterInserting(target);
 }
@@ -273,48 +285,27 @@ void HXMoveOperation::moveContainers(const ContainerList &containers,
                                      const std::shared_ptr<HXContainer> &target, quint64 index) {
     const QList<quint64> sentinels = containerSentinels(target, containers.size(), index);
     registerInserting(target, workLoadSizeForContainers(containers));
-    if (!shouldCopySheetHandlesAndContainers({}, containers, target)) {
-        unregisterInserting(target);
-        return;
-    }
-    const auto storage = target->storage();
-    std::atomic<bool> stopped = false;
-    std::mutex mutex;
-    ContainerList copied;
-    HXDispatchQueue::apply(containers.size(), [&](qsizetype i) {
-        if (stopped || isCancelled())
-            return;
-        const auto &container = containers.at(i);
-        const quint64 mask = target->operationForInsertingContainer(container) & 3;
-        if (mask == HXContainer::OperationMove) {
-            const quint64 workload = workLoadSizeForContainers({container});
-            HXError error;
-            if (!storage->moveContainer(container, target, sentinels.at(i), &error)) {
-                stopped = true;
-                reportErrorToDelegate(error, container);
-                return;
+    if (shouldCopySheetHandlesAndContainers({}, containers, target)) {
+        const auto storage = target->storage();
+        placeAll<HXContainer>(*this, containers, [&](qsizetype i, bool *copied) {
+            const auto &container = containers.at(i);
+            const quint64 mask = target->operationForInsertingContainer(container) & 3;
+            if (mask == HXContainer::OperationCopy) {
+                *copied = true;
+                return copyContainer(container, target, sentinels.at(i), target) && !isCancelled();
             }
+            HXError error = refusal(container, target);
+            if (mask != HXContainer::OperationMove ||
+                !storage->moveContainer(container, target, sentinels.at(i), &error)) {
+                reportErrorToDelegate(error, container);
+                return false;
+            }
+            const quint64 workload = workLoadSizeForContainers({container});
             incrementProcessedWorkLoad(qint64(workload));
             didProgress(target, workload);
             notifyInsertionOfItem(container, container);
-        } else if (mask == HXContainer::OperationCopy) {
-            if (!copyContainer(container, target, sentinels.at(i), target) || isCancelled()) {
-                stopped = true;
-                return;
-            }
-            const std::lock_guard lock(mutex);
-            copied.append(container);
-        } else {
-            stopped = true;
-            reportErrorToDelegate(refusal(container, target), container);
-        }
-    });
-    if (!stopped && !isCancelled()) {
-        for (const auto &container : std::as_const(copied)) {
-            HXError error;
-            if (!container->storage()->removeContainer(container, &error))
-                reportErrorToDelegate(error, container);
-        }
+            return true;
+        }, &HXStorage::removeContainer);
     }
     unregisterInserting(target);
 }
