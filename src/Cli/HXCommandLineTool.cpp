@@ -351,6 +351,26 @@ HXCommandLineTool::HXCommandLineTool() {
                         "tree until interrupted. PARENT and ITEM are a path of names from the "
                         "root (\"Library/Novel\") or a file name."),
          HXLibraryCommand});
+    m_commands.append(
+        {QStringLiteral("stats"),
+         QStringLiteral("stats [--json] [--markup M] [--chars-per-line N] [--lines-per-page N] "
+                        "FILE…"),
+         QStringLiteral("Counts text files (parsed under M, default markdownqr) and sheet "
+                        "packages: for each file, then for all together, one row per counter in "
+                        "display order (identifier and value); with --json an object per file "
+                        "and a 'total' object, counter identifiers as keys and numbers as values. "
+                        "Lines and pages follow the norm page (60 characters a line, 30 lines a "
+                        "page unless set)."),
+         HXStatsCommand});
+    m_commands.append(
+        {QStringLiteral("goal"),
+         QStringLiteral("goal --counter ID --target N --type close_to|at_least|at_most [--json] "
+                        "FILE…"),
+         QStringLiteral("Measures the files' combined count of counter ID against the goal: "
+                        "lines 'count', 'progress' and 'status' (empty, in_progress, "
+                        "almost_reached, reached, exceeded), or one JSON object. Takes the "
+                        "options of stats too."),
+         HXGoalCommand});
 }
 
 int HXCommandLineTool::run(const QStringList &arguments) {

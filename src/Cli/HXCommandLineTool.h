@@ -9,6 +9,7 @@
 #include <memory>
 
 class HXMarkup;
+class HXNativeSheet;
 
 // The command-line tool: a table of sub-commands, each with its usage line and summary. A command
 // gets its arguments (without the program and command names) and returns the exit status:
@@ -52,3 +53,13 @@ int HXLibraryCommand(const QStringList &arguments);
 
 // velmora-cli sheet …: one sheet package.
 int HXSheetCommand(const QStringList &arguments);
+
+// The sheet of a package, open; nothing after a line on standard error and `status` set.
+std::shared_ptr<HXNativeSheet> HXCommandLineOpenSheet(const QString &path, bool readOnly,
+                                                      int *status);
+
+// velmora-cli stats …: the counts of texts and sheets.
+int HXStatsCommand(const QStringList &arguments);
+
+// velmora-cli goal …: texts and sheets measured against a goal.
+int HXGoalCommand(const QStringList &arguments);

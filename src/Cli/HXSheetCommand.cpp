@@ -26,33 +26,6 @@ QString reason(const std::optional<HXError> &error) {
     return description + u' ' + failure;
 }
 
-// The sheet of a package, open; nothing after a line on standard error.
-std::shared_ptr<HXNativeSheet> openSheet(const QString &path, bool readOnly, int *status) {
-    const QFileInfo info(path);
-    if (!info.exists()) {
-        *status = HXCommandLineTool::fail(QStringLiteral("%1: no such sheet").arg(path));
-        return nullptr;
-    }
-    if (!info.isDir() || !QFileInfo::exists(path + u'/' + HXNativeSheet::contentFilename)) {
-        *status = HXCommandLineTool::fail(QStringLiteral("%1: not a sheet package").arg(path));
-        return nullptr;
-    }
-    const auto sheet = HXNativeSheet::sheetWithURL(path, readOnly);
-    if (!HXDocument::waitForCompletion(
-            [&](auto handler) { sheet->openWithCompletionHandler(handler); })) {
-        // The file inside the package that failed, when the error says which.
-        const auto error = sheet->lastReadError();
-        const QString file =
-            error ? error->userInfo().value(HXFilePathErrorKey).toString() : QString();
-        const QString named = file.startsWith(info.absoluteFilePath() + u'/')
-                                  ? path + file.mid(info.absoluteFilePath().size())
-                                  : path;
-        *status = HXCommandLineTool::fail(QStringLiteral("%1: %2").arg(named, reason(error)));
-        return nullptr;
-    }
-    return sheet;
-}
-
 int save(const std::shared_ptr<HXNativeSheet> &sheet, const QString &path) {
     HXError error;
     const bool saved =
@@ -130,7 +103,7 @@ int show(const QStringList &arguments) {
     if (arguments.size() != 1 && !json)
         return HXCommandLineTool::fail(QStringLiteral("sheet show: expected PATH [--json]"));
     int status = 0;
-    const auto sheet = openSheet(arguments.first(), true, &status);
+    const auto sheet = HXCommandLineOpenSheet(arguments.first(), true, &status);
     if (!sheet)
         return status;
     const QString text = sheet->text()->string();
@@ -169,7 +142,7 @@ int setTextCommand(const QStringList &arguments) {
     int status = 0;
     if (!readText(arguments.value(1), &text, &status))
         return status;
-    const auto sheet = openSheet(arguments.first(), false, &status);
+    const auto sheet = HXCommandLineOpenSheet(arguments.first(), false, &status);
     if (!sheet)
         return status;
     setText(*sheet, text);
@@ -226,7 +199,7 @@ int attach(const QStringList &arguments) {
     }
 
     int status = 0;
-    const auto sheet = openSheet(path, false, &status);
+    const auto sheet = HXCommandLineOpenSheet(path, false, &status);
     if (!sheet)
         return status;
     if (kind == u"--note") {
@@ -270,6 +243,32 @@ int versions(const QStringList &arguments) {
 }
 
 } // namespace
+
+std::shared_ptr<HXNativeSheet> HXCommandLineOpenSheet(const QString &path, bool readOnly, int *status) {
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        *status = HXCommandLineTool::fail(QStringLiteral("%1: no such sheet").arg(path));
+        return nullptr;
+    }
+    if (!info.isDir() || !QFileInfo::exists(path + u'/' + HXNativeSheet::contentFilename)) {
+        *status = HXCommandLineTool::fail(QStringLiteral("%1: not a sheet package").arg(path));
+        return nullptr;
+    }
+    const auto sheet = HXNativeSheet::sheetWithURL(path, readOnly);
+    if (!HXDocument::waitForCompletion(
+            [&](auto handler) { sheet->openWithCompletionHandler(handler); })) {
+        // The file inside the package that failed, when the error says which.
+        const auto error = sheet->lastReadError();
+        const QString file =
+            error ? error->userInfo().value(HXFilePathErrorKey).toString() : QString();
+        const QString named = file.startsWith(info.absoluteFilePath() + u'/')
+                                  ? path + file.mid(info.absoluteFilePath().size())
+                                  : path;
+        *status = HXCommandLineTool::fail(QStringLiteral("%1: %2").arg(named, reason(error)));
+        return nullptr;
+    }
+    return sheet;
+}
 
 // velmora-cli sheet create | show | set-text | attach | versions: one sheet package.
 int HXSheetCommand(const QStringList &arguments) {

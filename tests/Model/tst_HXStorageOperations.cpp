@@ -1,4 +1,5 @@
 #include "HXTestSupport.h"
+#include "Model/HXModelTestSupport.h"
 #include "Model/Operations/HXImportOperation.h"
 #include "Model/Operations/HXMoveOperation.h"
 #include "Model/Operations/HXRemoveOperation.h"
@@ -33,13 +34,7 @@ HXContainerRef makeGroup(const std::shared_ptr<HXLibrary> &library, const QStrin
     return group;
 }
 
-std::shared_ptr<HXSheetHandle> makeSheet(const std::shared_ptr<HXLibrary> &library,
-                                         const HXContainerRef &group, const QString &text) {
-    const auto sheet = library->newSheetMatchingMarkup({});
-    sheet->text()->replaceCharactersInRange(HXRange{0, 0}, HXReplacement(text));
-    HXError error;
-    return library->createSheet(sheet, HXNotFound, group, {}, &error);
-}
+using HXModelTestSupport::makeSheet;
 
 QString textOf(const std::shared_ptr<HXSheetHandle> &handle) {
     const auto sheet = handle->loadSheetForReading();

@@ -1,5 +1,9 @@
 #include "Model/Attachments/HXCountingGoal.h"
 
+#include "Model/Stores/HXPreferenceStore.h"
+#include "Utilities/HXAssert.h"
+#include "Utilities/HXNotificationCenter.h"
+
 #include <QStringList>
 
 namespace {
@@ -10,17 +14,48 @@ const QString typeKey = QStringLiteral("type");
 
 void HXCountingGoal::setCounterIdentifier(const QString &identifier) {
     m_counterIdentifier = identifier;
-    noteAttachmentChange();
+    noteGoalChange();
 }
 
 void HXCountingGoal::setTargetResult(std::optional<double> target) {
     m_targetResult = target;
-    noteAttachmentChange();
+    noteGoalChange();
 }
 
 void HXCountingGoal::setType(quint64 type) {
     m_type = type;
+    noteGoalChange();
+}
+
+void HXCountingGoal::noteGoalChange() {
     noteAttachmentChange();
+    HXNotificationCenter::defaultCenter()->post(didChangeNotification, this);
+}
+
+std::shared_ptr<HXCountingGoal> HXCountingGoal::newCountingGoalWithDefaultSettings() {
+    auto goal = std::make_shared<HXCountingGoal>();
+    if (HXPreferenceStore *store = HXPreferenceStore::sharedInstance()) {
+        const QVariant counter =
+            store->valueForKeyPath(QStringLiteral("countingGoal.defaultCounter"));
+        const QVariant type = store->valueForKeyPath(QStringLiteral("countingGoal.defaultType"));
+        if (counter.isValid() && !counter.toString().isEmpty())
+            goal->m_counterIdentifier = counter.toString();
+        if (type.isValid())
+            goal->m_type = typeFromText(type.toString());
+    }
+    return goal;
+}
+
+void HXCountingGoal::storeDefaultCounterIdentifier(const QString &identifier) {
+    HX_ASSERT(identifier.size() > 0, u"Invalid parameter not satisfying: %s",
+              "counterIdentifier.length > 0");
+    if (HXPreferenceStore *store = HXPreferenceStore::sharedInstance())
+        store->setValue(identifier, QStringLiteral("countingGoal.defaultCounter"));
+}
+
+void HXCountingGoal::storeDefaultType(quint64 type) {
+    if (HXPreferenceStore *store = HXPreferenceStore::sharedInstance())
+        store->setValue(typeText(type), QStringLiteral("countingGoal.defaultType"));
 }
 
 QString HXCountingGoal::typeText(quint64 type) {
@@ -59,7 +94,7 @@ void HXCountingGoal::setWithPropertyListRepresentation(const QVariant &represent
         m_targetResult = map.value(targetKey).toDouble();
     if (map.contains(typeKey))
         m_type = typeFromText(map.value(typeKey).toString());
-    noteAttachmentChange();
+    noteGoalChange();
 }
 
 QString HXCountingGoal::storedText() const {
@@ -75,7 +110,7 @@ void HXCountingGoal::setWithStoredText(const QString &text) {
     m_counterIdentifier = parts.at(0);
     m_type = typeFromText(parts.at(1));
     m_targetResult = parts.at(2).toDouble();
-    noteAttachmentChange();
+    noteGoalChange();
 }
 
 bool HXCountingGoal::isEqual(const HXAttachment &other) const {

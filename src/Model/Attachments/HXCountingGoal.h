@@ -38,8 +38,18 @@ public:
     HXAttachmentRef copy() const override;
 
     static inline const QString defaultCounterIdentifier = QStringLiteral("characters");
+    // Posted by a goal, as sender, after each change of one of its fields.
+    static inline const QString didChangeNotification =
+        QStringLiteral("HXCountingGoalDidChangeNotification");
+
+    // A goal of the counter and type last chosen by the user, where the preferences hold them.
+    static std::shared_ptr<HXCountingGoal> newCountingGoalWithDefaultSettings();
+    static void storeDefaultCounterIdentifier(const QString &identifier);
+    static void storeDefaultType(quint64 type);
 
 private:
+    void noteGoalChange();
+
     QString m_counterIdentifier = defaultCounterIdentifier;
     std::optional<double> m_targetResult;
     quint64 m_type = CloseTo;

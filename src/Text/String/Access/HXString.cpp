@@ -565,10 +565,6 @@ void HXString::enumerateRange(HXRange range, const QList<HXRange> &splittingRang
         block(HXRange{position, range.max() - position}, false, stop);
 }
 
-QString HXString::countableStringFromRange(HXRange range) const {
-    return stringWithRange(range)->stringByRemovingObjectsAndTags();
-}
-
 QString HXString::previewStringFromRange(HXRange range, quint64 maximumLength) const {
     QString preview = stringWithRange(range)->stringByRemovingObjectsAndTags().simplified();
     if (quint64(preview.size()) > maximumLength)

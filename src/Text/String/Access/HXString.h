@@ -136,8 +136,12 @@ public:
     // Splits the range at the given ranges: block(piece, isInOneOfThem, stop).
     void enumerateRange(HXRange range, const QList<HXRange> &splittingRanges,
                         const std::function<void(HXRange, bool, bool &)> &block) const;
-    // The text of the range that counts as words.
-    QString countableStringFromRange(HXRange range) const;
+    // The text of the range as a reader sees it, for counting: tags and entities left out, and
+    // with them the text under definitions that aren't counted (comments) with their line feeds.
+    // The nested strings of the counted text attributes of the elements whose tags lie in the
+    // range (a footnote's text) are appended to `nestedStrings`, to be counted by themselves.
+    QString countableStringFromRange(HXRange range,
+                                     QList<std::shared_ptr<HXString>> *nestedStrings = nullptr) const;
     // A short plain preview of the range.
     QString previewStringFromRange(HXRange range, quint64 maximumLength) const;
 

@@ -438,7 +438,11 @@ void HXTextElement::enumerateCountedAttributes(
     if (!m_attributes ||
         (definition() && (definition()->countingOptions() & HXCountingAttributesNotCounted)))
         return;
-    (*m_attributes)->enumerateAttributes(block);
+    (*m_attributes)->enumerateAttributes(
+        [&](const QString &key, const QVariant &value, const HXTagAttribute &attribute) {
+            if (attribute.kind() == HXTagAttributeKindNestedString)
+                block(key, value, attribute);
+        });
 }
 
 // --- Copying and comparing ------------------------------------------------------------------

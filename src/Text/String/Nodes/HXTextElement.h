@@ -106,7 +106,8 @@ public:
     QString stringByRemovingObjects() const override;
     QString stringByRemovingObjectsAndTags() const override;
     bool isCountable() const override;
-    // Each attribute that counts as text: all unless the definition says they don't.
+    // Each attribute that counts as text: those that hold a string of their own (a footnote's
+    // text), unless the definition says its attributes don't count.
     void enumerateCountedAttributes(const std::function<void(const QString &, const QVariant &,
                                                              const HXTagAttribute &)> &block) const;
 
