@@ -10,6 +10,8 @@ const QString withoutWhitespacesIdentifier = QStringLiteral("charactersWithoutWh
 // The platform's white space (general category Zs, and tab) and line breaks (U+000A to U+000D,
 // U+0085, U+2028, U+2029): the two sets don't overlap.
 bool isWhitespaceOrNewline(char16_t c) {
+    if (c > 0x20 && c < 0x7f)
+        return false;
     if (c < 0x80)
         return c == u' ' || c == u'\t' || (c >= 0x0a && c <= 0x0d);
     if (c == 0x85 || c == 0xa0 || c == 0x2028 || c == 0x2029)

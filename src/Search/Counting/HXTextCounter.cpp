@@ -10,6 +10,7 @@
 
 #include <QHash>
 
+#include <limits>
 #include <map>
 #include <mutex>
 #include <unicode/numfmt.h>
@@ -123,11 +124,10 @@ QStringList HXTextCounter::allSimpleCounterIdentifiers() {
 // --- Counting ---------------------------------------------------------------------------------
 
 HXCountDictionary HXTextCounter::allCountsForString(const HXString &string) {
-    if (dynamic_cast<const HXAtomicString *>(&string)) {
-        const std::shared_ptr<HXString> snapshot = string.copy();
-        return allCountsForString(*snapshot, HXRange{0, snapshot->length()});
-    }
-    return allCountsForString(string, HXRange{0, string.length()});
+    // The countable text is itself a snapshot, taken in one read under the string's lock (which
+    // costs less than a copy of the tree would), so a string that others edit is counted at one
+    // state; the range reaches to whatever the length is then.
+    return allCountsForString(string, HXRange{0, std::numeric_limits<quint64>::max() / 2});
 }
 
 HXCountDictionary HXTextCounter::allCountsForString(const HXString &string, HXRange range) {

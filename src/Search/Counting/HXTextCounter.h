@@ -53,7 +53,7 @@ public:
     static const QList<const HXTextCounter *> &allCounters();
     // The counter that supports the identifier, or null.
     static const HXTextCounter *textCounterForIdentifier(const QString &identifier);
-    // The whole string; a string that others may change is counted from a copy taken at once.
+    // The whole string; a string that others may change is counted at one state of it.
     static HXCountDictionary allCountsForString(const HXString &string);
     // A range of the string: every identifier, the counted text attributes (a footnote's text)
     // included.

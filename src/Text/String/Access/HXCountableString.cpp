@@ -79,6 +79,8 @@ QString HXString::countableStringFromRange(HXRange range,
                                            QList<std::shared_ptr<HXString>> *nestedStrings) const {
     QString text;
     reading([&] {
+        // Clipped here, under the lock, so that a whole string is read at one state of it.
+        range = HXIntersectionRange(range, HXRange{0, HXChunkString::length()});
         text.reserve(qsizetype(range.length));
         CountableTextWalker walker(text, nestedStrings);
         enumerateChunksInRange(range, 0, [&](const HXChunk &chunk, HXRange chunkRange, bool &) {

@@ -140,6 +140,7 @@ public:
     // with them the text under definitions that aren't counted (comments) with their line feeds.
     // The nested strings of the counted text attributes of the elements whose tags lie in the
     // range (a footnote's text) are appended to `nestedStrings`, to be counted by themselves.
+    // The range is clipped to the text as it stands when the read begins.
     QString countableStringFromRange(HXRange range,
                                      QList<std::shared_ptr<HXString>> *nestedStrings = nullptr) const;
     // A short plain preview of the range.
