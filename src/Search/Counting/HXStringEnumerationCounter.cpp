@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <memory>
+#include <mutex>
 #include <unicode/brkiter.h>
 #include <unicode/utext.h>
 
@@ -40,11 +41,16 @@ bool isBlankLine(const char16_t *characters, quint64 from, quint64 to) {
 // clones of its own, which are cheap and never share state.
 class Segmenters {
 public:
+    // ICU promises clones of one prototype nothing about concurrent cloning; one at a time.
     static std::unique_ptr<icu::BreakIterator> sentenceInstance() {
-        return std::unique_ptr<icu::BreakIterator>(prototypes().m_sentence->clone());
+        const Segmenters &shared = prototypes();
+        std::lock_guard lock(shared.m_mutex);
+        return std::unique_ptr<icu::BreakIterator>(shared.m_sentence->clone());
     }
     static std::unique_ptr<icu::BreakIterator> wordInstance() {
-        return std::unique_ptr<icu::BreakIterator>(prototypes().m_word->clone());
+        const Segmenters &shared = prototypes();
+        std::lock_guard lock(shared.m_mutex);
+        return std::unique_ptr<icu::BreakIterator>(shared.m_word->clone());
     }
 
 private:
@@ -62,6 +68,7 @@ private:
         return instance;
     }
 
+    mutable std::mutex m_mutex;
     std::unique_ptr<icu::BreakIterator> m_sentence;
     std::unique_ptr<icu::BreakIterator> m_word;
 };
