@@ -13,6 +13,7 @@ packages=(
     qt6-base-dev libicu-dev libplist-dev libzip-dev zlib1g-dev
     libcmark-gfm-dev libcmark-gfm-extensions-dev
     libbenchmark-dev
+    fonts-dejavu-core fontconfig
 )
 
 # The real-text benchmark reads the Node.js API documentation in Markdown. A Node.js installed

@@ -4,6 +4,7 @@
 #include "Text/Markup/HXMarkup.h"
 #include "Text/String/Access/HXAtomicString.h"
 #include "Text/String/Access/HXStringXML.h"
+#include "TextSystem/Actor/HXTextEditor.h"
 #include "Utilities/HXLineEnds.h"
 #include "Utilities/HXPropertyList.h"
 #include "Utilities/HXUndoManager.h"
@@ -50,12 +51,35 @@ QString readerFailure(const HXError &error) {
                                                     : error.localizedFailureReason();
 }
 
-// The line of an edit script as a step, or a problem in `failure`.
+// The line of an edit script as a step, or a problem in `failure`. Besides plain replacements,
+// a script drives the editor as a user would: a selection, typing, keys and tags.
 struct EditStep {
-    enum Kind { Replace, Undo, Redo, Break } kind = Replace;
+    enum Kind { Replace, Undo, Redo, Break, Select, Type, Key, Toggle } kind = Replace;
     HXRange range;
     QString text;
 };
+
+// A JSON string literal, read as the one element of an array.
+bool readJSONString(const QString &literal, QString *text, QString *failure) {
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson("[" + literal.toUtf8() + "]", &error);
+    if (error.error != QJsonParseError::NoError || document.array().size() != 1 ||
+        !document.array().first().isString()) {
+        *failure = QStringLiteral("TEXT is no JSON string literal: %1").arg(literal);
+        return false;
+    }
+    *text = HXStringByNormalizingLineEnds(document.array().first().toString());
+    return true;
+}
+
+bool readRange(const QRegularExpressionMatch &match, HXRange *range, QString *failure) {
+    bool locationOk = false, lengthOk = false;
+    *range = HXRange{match.captured(1).toULongLong(&locationOk),
+                     match.captured(2).toULongLong(&lengthOk)};
+    if (!locationOk || !lengthOk)
+        *failure = QStringLiteral("location or length too large");
+    return locationOk && lengthOk;
+}
 
 bool parseEditStep(const QString &line, EditStep *step, QString *failure) {
     const QString trimmed = line.trimmed();
@@ -67,36 +91,55 @@ bool parseEditStep(const QString &line, EditStep *step, QString *failure) {
     }
     static const QRegularExpression replace(
         QStringLiteral("^replace[ \\t]+(\\d+)[ \\t]+(\\d+)[ \\t]+(\".*\")$"));
-    const QRegularExpressionMatch match = replace.match(trimmed);
-    if (!match.hasMatch()) {
-        *failure = QStringLiteral("expected 'replace LOCATION LENGTH TEXT', 'undo', 'redo' or "
-                                  "'break', got '%1'")
-                       .arg(trimmed);
-        return false;
+    static const QRegularExpression select(QStringLiteral("^select[ \\t]+(\\d+)[ \\t]+(\\d+)$"));
+    static const QRegularExpression type(QStringLiteral("^type[ \\t]+(\".*\")$"));
+    static const QRegularExpression key(QStringLiteral("^key[ \\t]+(\\S+)$"));
+    static const QRegularExpression toggle(QStringLiteral("^toggle[ \\t]+(\\S+)$"));
+    QRegularExpressionMatch match;
+    if ((match = replace.match(trimmed)).hasMatch()) {
+        step->kind = EditStep::Replace;
+        return readRange(match, &step->range, failure) &&
+               readJSONString(match.captured(3), &step->text, failure);
     }
-    bool locationOk = false, lengthOk = false;
-    step->range = HXRange{match.captured(1).toULongLong(&locationOk),
-                          match.captured(2).toULongLong(&lengthOk)};
-    if (!locationOk || !lengthOk) {
-        *failure = QStringLiteral("location or length too large");
-        return false;
+    if ((match = select.match(trimmed)).hasMatch()) {
+        step->kind = EditStep::Select;
+        return readRange(match, &step->range, failure);
     }
-    // A JSON string literal: read as the one element of an array.
-    QJsonParseError error;
-    const QJsonDocument document =
-        QJsonDocument::fromJson("[" + match.captured(3).toUtf8() + "]", &error);
-    if (error.error != QJsonParseError::NoError || document.array().size() != 1 ||
-        !document.array().first().isString()) {
-        *failure = QStringLiteral("TEXT is no JSON string literal: %1").arg(match.captured(3));
-        return false;
+    if ((match = type.match(trimmed)).hasMatch()) {
+        step->kind = EditStep::Type;
+        return readJSONString(match.captured(1), &step->text, failure);
     }
-    step->text = HXStringByNormalizingLineEnds(document.array().first().toString());
-    return true;
+    if ((match = key.match(trimmed)).hasMatch()) {
+        step->kind = EditStep::Key;
+        step->text = match.captured(1);
+        static const QStringList keys{QStringLiteral("return"), QStringLiteral("backspace"),
+                                      QStringLiteral("delete"), QStringLiteral("tab")};
+        if (!keys.contains(step->text)) {
+            *failure = QStringLiteral("unknown key '%1': expected return, backspace, delete or tab")
+                           .arg(step->text);
+            return false;
+        }
+        return true;
+    }
+    if ((match = toggle.match(trimmed)).hasMatch()) {
+        step->kind = EditStep::Toggle;
+        step->text = match.captured(1);
+        return true;
+    }
+    *failure = QStringLiteral("expected 'replace LOCATION LENGTH TEXT', 'select LOCATION LENGTH', "
+                              "'type TEXT', 'key KEY', 'toggle DEFINITION', 'undo', 'redo' or "
+                              "'break', got '%1'")
+                   .arg(trimmed);
+    return false;
 }
 
 // Runs an edit script against the string; false with the line's problem in `failure`.
-bool runEditScript(const QString &scriptPath, const QByteArray &script, HXAtomicString &string,
-                   HXUndoManager &undo, QString *failure) {
+bool runEditScript(const QString &scriptPath, const QByteArray &script,
+                   const std::shared_ptr<HXAtomicString> &string, HXUndoManager &undo,
+                   QString *failure) {
+    auto storage = std::make_shared<HXTextStorage>();
+    storage->setContent(string);
+    HXTextEditor editor(storage);
     const QStringList lines = HXStringByNormalizingLineEnds(QString::fromUtf8(script)).split(u'\n');
     for (qsizetype number = 0; number < lines.size(); ++number) {
         const QString &line = lines.at(number);
@@ -110,6 +153,16 @@ bool runEditScript(const QString &scriptPath, const QByteArray &script, HXAtomic
         QString problem;
         if (!parseEditStep(line, &step, &problem))
             return fail(problem);
+        const quint64 length = string->length();
+        auto outOfBounds = [&] {
+            return step.range.location > length || step.range.length > length - step.range.location;
+        };
+        auto boundsProblem = [&] {
+            return QStringLiteral("range {%1, %2} out of bounds of text of length %3")
+                .arg(step.range.location)
+                .arg(step.range.length)
+                .arg(length);
+        };
         switch (step.kind) {
         case EditStep::Undo:
             if (!undo.canUndo())
@@ -122,16 +175,46 @@ bool runEditScript(const QString &scriptPath, const QByteArray &script, HXAtomic
             undo.redo();
             break;
         case EditStep::Break:
-            string.breakUndoCoalescing();
+            string->breakUndoCoalescing();
             break;
-        case EditStep::Replace: {
-            const quint64 length = string.length();
-            if (step.range.location > length || step.range.length > length - step.range.location)
-                return fail(QStringLiteral("range {%1, %2} out of bounds of text of length %3")
-                                .arg(step.range.location)
-                                .arg(step.range.length)
-                                .arg(length));
-            string.replaceCharactersInRange(step.range, HXChunk(step.text));
+        case EditStep::Replace:
+            if (outOfBounds())
+                return fail(boundsProblem());
+            string->replaceCharactersInRange(step.range, HXChunk(step.text));
+            break;
+        case EditStep::Select:
+            if (outOfBounds())
+                return fail(boundsProblem());
+            editor.setSelectedRange(step.range);
+            break;
+        case EditStep::Type:
+            if (editor.selectedRange().max() > length)
+                editor.setSelectedRange(HXRange{length, 0});
+            editor.insertText(step.text);
+            break;
+        case EditStep::Key:
+            if (editor.selectedRange().max() > length)
+                editor.setSelectedRange(HXRange{length, 0});
+            if (step.text == u"return")
+                editor.insertNewline();
+            else if (step.text == u"backspace")
+                editor.deleteBackward();
+            else if (step.text == u"delete")
+                editor.deleteForward();
+            else
+                editor.insertTab();
+            break;
+        case EditStep::Toggle: {
+            const auto &markup = string->markup();
+            HXTextTagRef tag = markup->defaultTagWithIdentifier(step.text);
+            if (!tag)
+                tag = markup->allTagsWithIdentifier(step.text).value(0);
+            if (!tag)
+                return fail(QStringLiteral("markup '%1' has no tag for '%2'")
+                                .arg(markup->identifier(), step.text));
+            if (editor.selectedRange().max() > length)
+                editor.setSelectedRange(HXRange{length, 0});
+            editor.toggleTag(tag);
             break;
         }
         }
@@ -248,7 +331,7 @@ int stringCommand(const QStringList &arguments) {
     string->setString(text);
     const auto undo = std::make_shared<HXUndoManager>();
     string->setUndoManager(undo);
-    if (!runEditScript(scriptPath, script, *string, *undo, &failure))
+    if (!runEditScript(scriptPath, script, string, *undo, &failure))
         return HXCommandLineTool::failLine(failure);
     HXCommandLineTool::writeOutput(HXStringXML::XMLData(*string));
     return 0;
@@ -371,6 +454,19 @@ HXCommandLineTool::HXCommandLineTool() {
                         "almost_reached, reached, exceeded), or one JSON object. Takes the "
                         "options of stats too."),
          HXGoalCommand});
+    m_commands.append(
+        {QStringLiteral("themes"), QStringLiteral("themes list [--json]"),
+         QStringLiteral("The theme store: lists every theme (identifier, display name, built-in "
+                        "or user, enabled or disabled), or with --json one object per theme."),
+         HXThemesCommand});
+    m_commands.append(
+        {QStringLiteral("theme"), QStringLiteral("theme show ID [--dark]"),
+         QStringLiteral("The look of theme ID in the light (or dark) mode: background and "
+                        "foreground, then per scope ('scope:NAME') and per built-in definition "
+                        "the text, tag and highlight colours (#rrggbb, '-' for none) and the "
+                        "traits (bold, italic, underline, strikethrough; '-' for none), "
+                        "tab-separated."),
+         HXThemeCommand});
 }
 
 int HXCommandLineTool::run(const QStringList &arguments) {

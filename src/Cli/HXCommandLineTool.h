@@ -63,3 +63,9 @@ int HXStatsCommand(const QStringList &arguments);
 
 // velmora-cli goal …: texts and sheets measured against a goal.
 int HXGoalCommand(const QStringList &arguments);
+
+// velmora-cli themes …: the theme store.
+int HXThemesCommand(const QStringList &arguments);
+
+// velmora-cli theme …: one theme's look.
+int HXThemeCommand(const QStringList &arguments);

@@ -29,6 +29,28 @@ printf '# a comment\n\nreplace 0 0 "# T\\r\\n"\nbreak\nreplace 4 0 "**b**"\nundo
 expect lines 'x' '# T
 **b**x'
 
+# The editor's commands: a list goes on and ends, a tag pairs and is typed over, a tag is set
+# on two paragraphs at once, and each command is one undo step.
+printf 'select 4 0\nkey return\ntype "b"\nkey return\nkey return\n' > list
+expect list '1. a' '1. a
+2. b
+
+'
+printf 'select 4 0\nkey return\nundo\n' > listundo
+expect listundo '1. a' '1. a'
+printf 'select 0 0\ntype "**"\ntype "b"\ntype "**"\ntype " c"\n' > pair
+expect pair '' '**b** c'
+printf 'select 0 7\ntoggle strong\nselect 15 0\nkey tab\n' > toggle
+expect toggle 'one
+two' '**one**
+**two**	'
+printf 'select 0 7\ntoggle strong\nselect 0 0\ntoggle heading1\nundo\n' > toggleundo
+expect toggleundo 'one
+two' '**one**
+**two**'
+printf 'select 1 0\nkey backspace\nkey delete\n' > keys
+expect keys 'abc' 'c'
+
 # Bad lines: status 1, nothing on standard output, one line on standard error.
 bad() { # SCRIPT-TEXT EXPECTED-ERROR
     printf "$1" > bad
@@ -42,5 +64,8 @@ printf 'abc' > text
 bad 'undo\n' 'bad:1: nothing to undo'
 bad 'replace 0 0 "x"\n\nredo\n' 'bad:3: nothing to redo'
 bad 'replace 2 5 "x"\n' 'bad:1: range {2, 5} out of bounds of text of length 3'
-bad 'replace 0 0 x\n' "bad:1: expected 'replace LOCATION LENGTH TEXT', 'undo', 'redo' or 'break', got 'replace 0 0 x'"
+bad 'replace 0 0 x\n' "bad:1: expected 'replace LOCATION LENGTH TEXT', 'select LOCATION LENGTH', 'type TEXT', 'key KEY', 'toggle DEFINITION', 'undo', 'redo' or 'break', got 'replace 0 0 x'"
+bad 'select 1 9\n' 'bad:1: range {1, 9} out of bounds of text of length 3'
+bad 'key enter\n' "bad:1: unknown key 'enter': expected return, backspace, delete or tab"
+bad 'toggle nothing\n' "bad:1: markup 'markdownqr' has no tag for 'nothing'"
 bad 'replace 0 0 "a" "b"\n' 'bad:1: TEXT is no JSON string literal: "a" "b"'
