@@ -467,6 +467,16 @@ HXCommandLineTool::HXCommandLineTool() {
                         "traits (bold, italic, underline, strikethrough; '-' for none), "
                         "tab-separated."),
          HXThemeCommand});
+    m_commands.append(
+        {QStringLiteral("layout"),
+         QStringLiteral("layout --width PIXELS [--font FAMILY --size POINTS] [--markup M] [FILE]"),
+         QStringLiteral("Lays out UTF-8 text (parsed under M, default markdownqr; standard input "
+                        "when no file or '-' is given) in a column PIXELS wide, in the font given "
+                        "(default DejaVu Sans, 12 points), tags hanging in the margin: one JSON "
+                        "object per line, in order, with the paragraph's number, the line's "
+                        "location and length in the text (line feeds left out) and its x, y, "
+                        "width and height in pixels."),
+         HXLayoutCommand});
 }
 
 int HXCommandLineTool::run(const QStringList &arguments) {

@@ -69,3 +69,6 @@ int HXThemesCommand(const QStringList &arguments);
 
 // velmora-cli theme …: one theme's look.
 int HXThemeCommand(const QStringList &arguments);
+
+// velmora-cli layout …: the lines of a text laid out in a column.
+int HXLayoutCommand(const QStringList &arguments);

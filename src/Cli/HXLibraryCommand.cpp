@@ -280,13 +280,14 @@ std::shared_ptr<HXGroup> creationParent(const Invocation &call, HXStorageItemKin
     if (!parent)
         return nullptr;
     const bool sheet = kind == HXStorageItemKind::Sheet;
-    const quint64 mask = sheet ? parent->operationForCreatingSheet()
-                               : parent->operationForCreatingContainerOfKind(HXContainerKind::Group);
+    const quint64 mask = sheet
+                             ? parent->operationForCreatingSheet()
+                             : parent->operationForCreatingContainerOfKind(HXContainerKind::Group);
     if (mask & 3)
         return parent;
-    *status = HXCommandLineTool::fail(QStringLiteral("%1: can't hold %2")
-                                          .arg(call.arguments.at(0), sheet ? u"sheets"_s
-                                                                           : u"groups"_s));
+    *status =
+        HXCommandLineTool::fail(QStringLiteral("%1: can't hold %2")
+                                    .arg(call.arguments.at(0), sheet ? u"sheets"_s : u"groups"_s));
     return nullptr;
 }
 
@@ -529,7 +530,8 @@ int runOperations(const QList<std::shared_ptr<HXContainerOperation>> &operations
             failed = true;
         }
         if (operation->isCancelled() && operation->failures().isEmpty() && !quietCancel) {
-            HXCommandLineTool::failLine(QStringLiteral("%1: stopped").arg(operation->displayTitle()));
+            HXCommandLineTool::failLine(
+                QStringLiteral("%1: stopped").arg(operation->displayTitle()));
             failed = true;
         }
     }
@@ -586,8 +588,8 @@ int moveOrCopy(const Invocation &call, bool copy) {
         const quint64 mask = copy ? target->operationForCreatingContainerOfKind(container->kind())
                                   : target->operationForInsertingContainer(container);
         if (!(mask & 3))
-            return HXCommandLineTool::fail(QStringLiteral("%1: can't be put into %2")
-                                               .arg(container->URL(), target->URL()));
+            return HXCommandLineTool::fail(
+                QStringLiteral("%1: can't be put into %2").arg(container->URL(), target->URL()));
     }
     for (const auto &handle : std::as_const(handles)) {
         const quint64 mask = copy ? target->operationForCreatingSheet()
@@ -598,11 +600,13 @@ int moveOrCopy(const Invocation &call, bool copy) {
     }
     QList<std::shared_ptr<HXContainerOperation>> operations;
     if (!containers.isEmpty())
-        operations.append(copy ? HXMoveOperation::copyOperationForContainers(containers, target, index)
-                               : HXMoveOperation::moveOperationForContainers(containers, target, index));
+        operations.append(
+            copy ? HXMoveOperation::copyOperationForContainers(containers, target, index)
+                 : HXMoveOperation::moveOperationForContainers(containers, target, index));
     if (!handles.isEmpty())
-        operations.append(copy ? HXMoveOperation::copyOperationForSheetHandles(handles, target, index)
-                               : HXMoveOperation::moveOperationForSheetHandles(handles, target, index));
+        operations.append(
+            copy ? HXMoveOperation::copyOperationForSheetHandles(handles, target, index)
+                 : HXMoveOperation::moveOperationForSheetHandles(handles, target, index));
     QList<Library> libraries{library};
     if (targetLibrary != library)
         libraries.append(targetLibrary);
@@ -682,8 +686,8 @@ int import(const Invocation &call) {
         target ? target : library->defaultContainerForItemOfKind(HXStorageItemKind::Group);
     const HXContainerRef sheetTarget =
         target ? target : library->defaultContainerForItemOfKind(HXStorageItemKind::Sheet);
-    if (!folders.isEmpty() && !(folderTarget->operationForCreatingContainerOfKind(
-                                    HXContainerKind::Group) & 3))
+    if (!folders.isEmpty() &&
+        !(folderTarget->operationForCreatingContainerOfKind(HXContainerKind::Group) & 3))
         return HXCommandLineTool::fail(
             QStringLiteral("%1: can't hold groups").arg(folderTarget->URL()));
     if (!sheets.isEmpty() && !(sheetTarget->operationForCreatingSheet() & 3))
@@ -725,12 +729,14 @@ int saveTo(const Invocation &call) {
         return std::nullopt;
     };
     if (!containers.isEmpty()) {
-        const auto operation = HXSaveToOperation::saveToOperationForContainers(containers, url, width);
+        const auto operation =
+            HXSaveToOperation::saveToOperationForContainers(containers, url, width);
         operation->setExistingFileHandler(refuseExisting);
         operations.append(operation);
     }
     if (!handles.isEmpty()) {
-        const auto operation = HXSaveToOperation::saveToOperationForSheetHandles(handles, url, width);
+        const auto operation =
+            HXSaveToOperation::saveToOperationForSheetHandles(handles, url, width);
         operation->setExistingFileHandler(refuseExisting);
         operations.append(operation);
     }
@@ -796,8 +802,8 @@ bool takeOptions(const Command &command, Invocation *call, int *status) {
             call->options.insert(argument.mid(2), call->arguments.at(++i));
             continue;
         }
-        *status = HXCommandLineTool::fail(
-            QStringLiteral("library %1: expected %2").arg(command.name, QString::fromUtf8(command.usage)));
+        *status = HXCommandLineTool::fail(QStringLiteral("library %1: expected %2")
+                                              .arg(command.name, QString::fromUtf8(command.usage)));
         return false;
     }
     call->arguments = rest;
@@ -817,8 +823,9 @@ int HXLibraryCommand(const QStringList &arguments) {
         if (!command.options.isEmpty() && !takeOptions(command, &call, &failure))
             return failure;
         if (call.arguments.size() < command.minimum || call.arguments.size() > command.maximum)
-            return HXCommandLineTool::fail(QStringLiteral("library %1: expected %2")
-                                               .arg(command.name, QString::fromUtf8(command.usage)));
+            return HXCommandLineTool::fail(
+                QStringLiteral("library %1: expected %2")
+                    .arg(command.name, QString::fromUtf8(command.usage)));
         int status = 0;
         call.library = openLibrary(call.arguments.value(0), command.run == init, &status);
         if (!call.library)

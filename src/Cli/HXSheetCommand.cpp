@@ -244,7 +244,8 @@ int versions(const QStringList &arguments) {
 
 } // namespace
 
-std::shared_ptr<HXNativeSheet> HXCommandLineOpenSheet(const QString &path, bool readOnly, int *status) {
+std::shared_ptr<HXNativeSheet> HXCommandLineOpenSheet(const QString &path, bool readOnly,
+                                                      int *status) {
     const QFileInfo info(path);
     if (!info.exists()) {
         *status = HXCommandLineTool::fail(QStringLiteral("%1: no such sheet").arg(path));
