@@ -351,6 +351,20 @@ int markupCommand(const QStringList &arguments) {
 
 } // namespace
 
+bool HXCommandLineTool::takeOption(QStringList &arguments, const QString &name, QString *value,
+                                   int *status) {
+    const qsizetype at = arguments.indexOf(name);
+    if (at < 0)
+        return true;
+    if (at + 1 >= arguments.size() || arguments.at(at + 1).startsWith(QStringLiteral("--"))) {
+        *status = fail(QStringLiteral("%1 needs a value").arg(name));
+        return false;
+    }
+    *value = arguments.at(at + 1);
+    arguments.remove(at, 2);
+    return true;
+}
+
 // A built-in markup by identifier, or a markup file by path.
 std::shared_ptr<HXMarkup> HXCommandLineTool::markupNamed(const QString &name, QString *failure) {
     if (const auto builtIn = HXMarkup::intrinsicMarkups().value(name))

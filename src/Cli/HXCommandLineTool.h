@@ -35,6 +35,10 @@ public:
     static int failLine(const QString &message);
     // Reads a whole file, or standard input for "-" or an empty path.
     static bool readInput(const QString &path, QByteArray *bytes, QString *failure);
+    // Takes "--name VALUE" out of the arguments, leaving `value` alone when there is no such
+    // option; false, with the status of a line on standard error, when the value is missing.
+    static bool takeOption(QStringList &arguments, const QString &name, QString *value,
+                           int *status);
     // A built-in markup by identifier, a user markup of the store by identifier, or a markup
     // file by path; nothing and the failure otherwise.
     static std::shared_ptr<HXMarkup> markupNamed(const QString &name, QString *failure);

@@ -15,20 +15,6 @@
 
 namespace {
 
-// Takes "--name VALUE" out of the arguments; false after a line on standard error.
-bool takeOption(QStringList &arguments, const QString &name, QString *value, int *status) {
-    const qsizetype at = arguments.indexOf(name);
-    if (at < 0)
-        return true;
-    if (at + 1 >= arguments.size() || arguments.at(at + 1).startsWith(QStringLiteral("--"))) {
-        *status = HXCommandLineTool::fail(QStringLiteral("%1 needs a value").arg(name));
-        return false;
-    }
-    *value = arguments.at(at + 1);
-    arguments.remove(at, 2);
-    return true;
-}
-
 // A number above 0 of the option; nothing after a line on standard error.
 std::optional<qreal> positiveNumber(const QString &name, const QString &value, const QString &unit,
                                     int *status) {
@@ -57,10 +43,10 @@ int HXLayoutCommand(const QStringList &arguments) {
     QStringList rest = arguments;
     QString widthText, family, sizeText, markupName = QStringLiteral("markdownqr");
     int status = 0;
-    if (!takeOption(rest, QStringLiteral("--width"), &widthText, &status) ||
-        !takeOption(rest, QStringLiteral("--font"), &family, &status) ||
-        !takeOption(rest, QStringLiteral("--size"), &sizeText, &status) ||
-        !takeOption(rest, QStringLiteral("--markup"), &markupName, &status))
+    if (!HXCommandLineTool::takeOption(rest, QStringLiteral("--width"), &widthText, &status) ||
+        !HXCommandLineTool::takeOption(rest, QStringLiteral("--font"), &family, &status) ||
+        !HXCommandLineTool::takeOption(rest, QStringLiteral("--size"), &sizeText, &status) ||
+        !HXCommandLineTool::takeOption(rest, QStringLiteral("--markup"), &markupName, &status))
         return status;
     for (const QString &argument : std::as_const(rest)) {
         if (argument.startsWith(u'-') && argument != u"-")

@@ -23,24 +23,10 @@ struct CountingArguments {
     QStringList files;
 };
 
-// Takes "--name VALUE" out of the arguments; false after a line on standard error.
-bool takeOption(QStringList &arguments, const QString &name, QString *value, int *status) {
-    const qsizetype at = arguments.indexOf(name);
-    if (at < 0)
-        return true;
-    if (at + 1 >= arguments.size() || arguments.at(at + 1).startsWith(QStringLiteral("--"))) {
-        *status = HXCommandLineTool::fail(QStringLiteral("%1 needs a value").arg(name));
-        return false;
-    }
-    *value = arguments.at(at + 1);
-    arguments.remove(at, 2);
-    return true;
-}
-
 bool takePositiveNumber(QStringList &arguments, const QString &name, HXCountParameters &parameters,
                         const QString &key, int *status) {
     QString value;
-    if (!takeOption(arguments, name, &value, status))
+    if (!HXCommandLineTool::takeOption(arguments, name, &value, status))
         return false;
     if (value.isNull())
         return true;
@@ -60,7 +46,8 @@ bool takeCountingArguments(QStringList arguments, const QString &usage, Counting
     result->json = arguments.removeAll(QStringLiteral("--json")) > 0;
     result->parameters = HXTextCounter::displayParametersWithPreferences();
     QString markupName = QStringLiteral("markdownqr");
-    if (!takeOption(arguments, QStringLiteral("--markup"), &markupName, status) ||
+    if (!HXCommandLineTool::takeOption(arguments, QStringLiteral("--markup"), &markupName,
+                                       status) ||
         !takePositiveNumber(arguments, QStringLiteral("--chars-per-line"), result->parameters,
                             HXTextCounter::charactersPerLineKey, status) ||
         !takePositiveNumber(arguments, QStringLiteral("--lines-per-page"), result->parameters,
@@ -202,9 +189,9 @@ int HXGoalCommand(const QStringList &arguments) {
     QStringList rest = arguments;
     QString counter, target, type;
     int status = 0;
-    if (!takeOption(rest, QStringLiteral("--counter"), &counter, &status) ||
-        !takeOption(rest, QStringLiteral("--target"), &target, &status) ||
-        !takeOption(rest, QStringLiteral("--type"), &type, &status))
+    if (!HXCommandLineTool::takeOption(rest, QStringLiteral("--counter"), &counter, &status) ||
+        !HXCommandLineTool::takeOption(rest, QStringLiteral("--target"), &target, &status) ||
+        !HXCommandLineTool::takeOption(rest, QStringLiteral("--type"), &type, &status))
         return status;
     if (counter.isNull() || target.isNull() || type.isNull())
         return HXCommandLineTool::fail(QStringLiteral("expected %1").arg(usage));
