@@ -371,6 +371,12 @@ QList<QPair<HXParagraphRef, HXRange>> HXTextActor::paragraphsInRange(HXRange ran
     return result;
 }
 
+HXRange HXTextActor::textRangeOfParagraph(const HXParagraph &paragraph, HXRange paragraphRange) {
+    const quint64 prefix = paragraph.headChunk() ? paragraph.headChunk().length() : 0;
+    const quint64 end = paragraphRange.max() - (paragraph.endsInLineFeed() ? 1 : 0);
+    return HXRange{paragraphRange.location + prefix, end - paragraphRange.location - prefix};
+}
+
 void HXTextActor::modifySelectedParagraphsUsingBlock(const ParagraphBlock &block) {
     QList<HXRange> selections = m_target.selectedRanges();
     qint64 carried = 0;

@@ -119,6 +119,9 @@ public:
     // where the tag can't be applied.
     HXRange rangeForApplyingTag(const HXTextTagRef &tag, HXRange range, bool *shouldAdd) const;
 
+    // The paragraph's own text: behind its prefix of tags, before its line feed.
+    static HXRange textRangeOfParagraph(const HXParagraph &paragraph, HXRange paragraphRange);
+
     // Runs the block on each selected paragraph: (paragraph, location, length, selection as it
     // stands). The block may edit through the actor; the selection follows.
     using ParagraphBlock = std::function<void(const HXParagraphRef &paragraph, quint64 location,

@@ -2,6 +2,7 @@
 #include "TextSystem/Actor/HXTextActor.h"
 
 #include <algorithm>
+#include <optional>
 
 // Setting and taking away tags over the selection: line-level tags and groupings per paragraph,
 // inline tags per paragraph piece, entities and objects.
@@ -30,6 +31,18 @@ quint64 mapPosition(quint64 position, const QList<std::pair<HXRange, QString>> &
             return quint64(qint64(range.location) + shift) + quint64(string.size());
     }
     return quint64(qint64(position) + shift);
+}
+
+// The part of the range in the paragraph's own text; nothing where the range only touches the
+// paragraph's prefix or line feed.
+std::optional<HXRange> pieceInParagraph(const HXParagraph &paragraph, HXRange paragraphRange,
+                                        HXRange range) {
+    const HXRange text = HXTextActor::textRangeOfParagraph(paragraph, paragraphRange);
+    const quint64 start = std::max(range.location, text.location);
+    const quint64 end = std::min(range.max(), text.max());
+    if (start > end || (start == end && range.length > 0))
+        return std::nullopt;
+    return HXRange{start, end - start};
 }
 
 } // namespace
@@ -184,13 +197,10 @@ HXRange HXTextActor::rangeForApplyingTag(const HXTextTagRef &tag, HXRange range,
         });
     bool covered = !elements.isEmpty();
     for (const auto &[paragraph, paragraphRange] : paragraphs) {
-        const quint64 prefix = paragraph->headChunk() ? paragraph->headChunk().length() : 0;
-        const quint64 textEnd = paragraphRange.max() - (paragraph->endsInLineFeed() ? 1 : 0);
-        const quint64 start = std::max(range.location, paragraphRange.location + prefix);
-        const quint64 end = std::min(range.max(), textEnd);
-        if (start > end || (start == end && range.length > 0))
+        const std::optional<HXRange> found = pieceInParagraph(*paragraph, paragraphRange, range);
+        if (!found)
             continue;
-        const HXRange piece{start, end - start};
+        const HXRange piece = *found;
         covered = covered && std::any_of(elements.cbegin(), elements.cend(), [&](HXRange element) {
                       return element.containsRange(piece);
                   });
@@ -224,13 +234,11 @@ bool HXTextActor::applyInlineTextTag(const HXTextTagRef &tag) {
         for (const auto &[paragraph, paragraphRange] : paragraphsInRange(range)) {
             if (paragraph->noParsingInside())
                 continue;
-            const quint64 prefix = paragraph->headChunk() ? paragraph->headChunk().length() : 0;
-            const quint64 textStart = paragraphRange.location + prefix;
-            const quint64 textEnd = paragraphRange.max() - (paragraph->endsInLineFeed() ? 1 : 0);
-            const quint64 start = std::max(range.location, textStart);
-            const quint64 end = std::min(range.max(), textEnd);
-            if (start > end || (start == end && range.length > 0))
+            const std::optional<HXRange> piece =
+                pieceInParagraph(*paragraph, paragraphRange, range);
+            if (!piece)
                 continue;
+            const quint64 start = piece->location, end = piece->max();
             // The elements of the definition in this piece, with their ranges.
             QList<QPair<HXTextElementRef, HXRange>> elements;
             text.enumerateElementsInRange(

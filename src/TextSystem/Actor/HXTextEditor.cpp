@@ -217,12 +217,11 @@ void HXTextEditor::insertNewline() {
         HXRange paragraphRange;
         const HXParagraphRef paragraph =
             text.paragraphAtIndex(std::min(selection.location, text.length() - 1), &paragraphRange);
-        const quint64 prefixLength = paragraph->headChunk() ? paragraph->headChunk().length() : 0;
-        const quint64 textEnd = paragraphRange.max() - (paragraph->endsInLineFeed() ? 1 : 0);
+        const HXRange own = HXTextActor::textRangeOfParagraph(*paragraph, paragraphRange);
         const bool onlyGroupings = !paragraph->tag();
-        if (onlyGroupings && prefixLength > 0 &&
-            paragraphRange.location + prefixLength == textEnd && selection.location == textEnd) {
-            const HXRange marker{paragraphRange.location, prefixLength};
+        if (onlyGroupings && own.location > paragraphRange.location && own.length == 0 &&
+            selection.location == own.location) {
+            const HXRange marker{paragraphRange.location, own.location - paragraphRange.location};
             if (m_actor.performReplaceCharactersInRange(marker, QString())) {
                 followEdit(marker, 0);
                 typeText(QStringLiteral("\n"), HXRange{marker.location, 0});
