@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
@@ -33,6 +34,9 @@ inline void setUpEnvironment() {
     // Lock files of file coordination; processes the test starts share them.
     qputenv("XDG_RUNTIME_DIR", home + "/.runtime");
     QDir().mkpath(QString::fromUtf8(home + "/.runtime"));
+    // Qt insists on a runtime folder that only its owner can enter.
+    QFile::setPermissions(QString::fromUtf8(home + "/.runtime"),
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     QStandardPaths::setTestModeEnabled(true);
 }
 

@@ -136,6 +136,9 @@ void tst_HXTextActor::editing_data() {
         << u""_s << u"type ==|type b|type =|type ="_s << u"==b=="_s << u"5,0"_s << u"===="_s;
     QTest::newRow("return steps over")
         << u""_s << u"type **|type b|key return"_s << u"**b**"_s << u"5,0"_s << u"****"_s;
+    // "*" pairs up, then a blank makes it a list's marker: the end tag goes again.
+    QTest::newRow("marker typed after pairing")
+        << u""_s << u"type *|type  a"_s << u"* a"_s << u"3,0"_s << u"* a*"_s;
     QTest::newRow("closed already")
         << u"a**"_s << u"select 0 0|type **"_s << u"**a**"_s << u"2,0"_s << u"a**"_s;
     // Toggling inline tags: per paragraph, merging, taking away, mixed tags.

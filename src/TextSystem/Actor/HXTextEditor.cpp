@@ -97,8 +97,26 @@ void HXTextEditor::insertText(const QString &text) {
     }
     typeText(text, selection);
     m_userInsertedRange = HXRange{selection.location, quint64(text.size())};
+    // What was typed may have made the opening tag something else ("*" and a blank start a
+    // list): its end tag then goes again.
+    if (!m_autoInsertedRange.isNotFound() && !automaticInsertionIsStillMatched())
+        discardAutomaticInsertion();
     m_actor.didInsertText(text);
     processAutomaticMatchingTags();
+}
+
+bool HXTextEditor::automaticInsertionIsStillMatched() const {
+    if (m_autoMatchedRange.isNotFound())
+        return true;
+    bool matched = false;
+    m_storage->cachedContent()->enumerateElementsInRange(
+        HXRange{m_autoMatchedRange.location, 1}, HXSelectorForScope(HXTextScope),
+        [&](const HXTextElementRef &element, HXRange range, bool &stop) {
+            const quint64 head = element->headAtom() ? element->headAtom()->length() : 0;
+            if (range.location == m_autoMatchedRange.location && head == m_autoMatchedRange.length)
+                matched = stop = true;
+        });
+    return matched;
 }
 
 void HXTextEditor::insertTab() {

@@ -59,6 +59,8 @@ private:
     // The typing path: the storage takes the text directly, after the door's cheap check.
     void typeText(const QString &text, HXRange range);
     void processAutomaticMatchingTags();
+    // Whether the opening tag that an automatic end tag answers still opens an element.
+    bool automaticInsertionIsStillMatched() const;
     // Moves the remembered ranges over an edit of `range` into `length` characters.
     void followEdit(HXRange range, quint64 length);
     void deleteSelectionOrCharacter(bool backward);
