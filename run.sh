@@ -1,8 +1,13 @@
 #!/usr/bin/env bash
-# Sets up and builds Velmora, then runs the command-line tool on the bundled examples: a property
-# list, a sheet's text parsed under the default markup, and its counts.
+# Sets up and builds Velmora, then starts the application. Arguments go to it (files to open).
+# Without a display (neither DISPLAY nor WAYLAND_DISPLAY), it starts offscreen instead, opens the
+# first sheet of the introduction and writes a screenshot of the window to
+# build/velmora-screenshot.png.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/tools/setup.sh" OFF
-"$velmora_build/src/Cli/velmora-cli" plist "$velmora_root/examples/Preferences.plist"
-"$velmora_build/src/Cli/velmora-cli" string parse --markup markdownqr "$velmora_root/examples/Sample.txt"
-"$velmora_build/src/Cli/velmora-cli" stats "$velmora_root/examples/Sample.txt"
+app="$velmora_build/src/App/Window/velmora"
+if [[ -z ${DISPLAY:-} && -z ${WAYLAND_DISPLAY:-} ]]; then
+    echo "No display: starting Velmora offscreen for a screenshot." >&2
+    exec "$app" --screenshot "$velmora_build/velmora-screenshot.png" "$@"
+fi
+exec "$app" "$@"

@@ -8,6 +8,7 @@
 // items and strong text woven in. The typing happens in a paragraph in the middle of the sheet,
 // which is styled and laid out before the clock starts, as the visible paragraph of a view is.
 
+#include "HXBenchmarkText.h"
 #include "Text/Markup/HXMarkup.h"
 #include "Text/String/Access/HXAtomicString.h"
 #include "TextSystem/Actor/HXTextEditor.h"
@@ -15,9 +16,7 @@
 #include "TextSystem/Themes/HXThemeStore.h"
 #include "Utilities/HXUndoManager.h"
 
-#include <QFile>
 #include <QGuiApplication>
-#include <QRandomGenerator>
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
@@ -25,51 +24,10 @@
 
 namespace {
 
-QString makeText(qsizetype wordCount) {
-    QFile license(QStringLiteral("/usr/share/common-licenses/GPL-3"));
-    QStringList paragraphs;
-    if (license.open(QIODevice::ReadOnly)) {
-        for (const QString &paragraph :
-             QString::fromUtf8(license.readAll()).split(QStringLiteral("\n\n")))
-            if (!paragraph.simplified().isEmpty())
-                paragraphs.append(paragraph.simplified());
-    } else {
-        paragraphs = QStringList(50, QStringLiteral("Plain words of a plain sentence, and more."));
-    }
-    QRandomGenerator random(18);
-    QString result;
-    qsizetype words = 0;
-    while (words < wordCount) {
-        for (const QString &paragraph : std::as_const(paragraphs)) {
-            QStringList line = paragraph.split(u' ');
-            if (words + line.size() > wordCount)
-                line = line.mid(0, std::max<qsizetype>(1, wordCount - words));
-            words += line.size();
-            switch (random.bounded(8)) {
-            case 0:
-                result += QStringLiteral("## ");
-                break;
-            case 1:
-                result += QStringLiteral("* ");
-                break;
-            case 2:
-                line[0] = QStringLiteral("**") + line[0] + QStringLiteral("**");
-                break;
-            default:
-                break;
-            }
-            result += line.join(u' ') + QStringLiteral("\n\n");
-            if (words >= wordCount)
-                break;
-        }
-    }
-    return result;
-}
-
 void BM_Keystroke(benchmark::State &state) {
     const auto markup = HXMarkup::intrinsicMarkups().value(QStringLiteral("markdownqr"));
     const auto string = HXAtomicString::stringWithMarkup(markup);
-    string->setString(makeText(state.range(0)));
+    string->setString(HXBenchmarkText::makeText(state.range(0)));
     string->setUndoManager(std::make_shared<HXUndoManager>());
     auto storage = std::make_shared<HXTextStorage>();
     const QFont font(QStringLiteral("DejaVu Serif"), 14);

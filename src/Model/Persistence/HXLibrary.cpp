@@ -16,10 +16,19 @@ QString text(const char *key) {
     return HXLocalizedString(QString::fromLatin1(key), QStringLiteral("HXStorage"));
 }
 
+// The folder opened as the local library in place of the default, for this run.
+QString localLibraryPathOverride;
+
 } // namespace
 
 QString HXLibrary::localLibraryPath() {
+    if (!localLibraryPathOverride.isEmpty())
+        return localLibraryPathOverride;
     return HXLocations::documentsPath() + QStringLiteral("/Velmora/Library");
+}
+
+void HXLibrary::setLocalLibraryPath(const QString &path) {
+    localLibraryPathOverride = path;
 }
 
 QString HXLibrary::ubiquitousLibraryPath() {
@@ -35,8 +44,8 @@ std::shared_ptr<HXLibrary> HXLibrary::localLibrary() {
 std::shared_ptr<HXLibrary> HXLibrary::ubiquitousLibrary() {
     const QString path = ubiquitousLibraryPath();
     // The chosen folder must be there; what the library needs inside it is made.
-    if (path.isEmpty() || !HXFileIdentity::ofPath(QFileInfo(QFileInfo(path).path()).path())
-                               .isDirectory)
+    if (path.isEmpty() ||
+        !HXFileIdentity::ofPath(QFileInfo(QFileInfo(path).path()).path()).isDirectory)
         return nullptr;
     return libraryAtURL(path, ubiquitousIdentifier);
 }

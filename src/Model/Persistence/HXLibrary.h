@@ -20,7 +20,11 @@ public:
     // The user default that names the synced folder.
     static inline const QString ubiquityContainerKey = QStringLiteral("storage.ubiquityContainer");
 
+    // "Velmora/Library" in the documents folder, unless another folder was set for this run.
     static QString localLibraryPath();
+    // Opens another folder as the local library for the rest of the run (empty: the default);
+    // set before the storage controller exists.
+    static void setLocalLibraryPath(const QString &path);
     // Empty when no synced folder is chosen.
     static QString ubiquitousLibraryPath();
     static std::shared_ptr<HXLibrary> localLibrary();

@@ -1,0 +1,83 @@
+#include "App/Library/HXSheetPreview.h"
+
+#include "Model/Sheets/HXNativeSheet.h"
+#include "Model/StorageTree/HXSheetHandle.h"
+#include "Text/String/Access/HXAtomicString.h"
+#include "Utilities/HXFileCoordinator.h"
+
+#include <QFile>
+#include <QRegularExpression>
+
+namespace {
+
+// Block markup at the start of a line: headings, quotes, list items and task boxes, nested.
+const QRegularExpression
+    linePrefix(QStringLiteral(R"(^\s*(?:(?:#{1,6}|>|[-*+]|\d{1,9}[.)]|\[[ xX]\])(?:\s+|$))*)"));
+// The closing hashes of a heading.
+const QRegularExpression closingHashes(QStringLiteral(R"(\s+#+\s*$)"));
+
+QString stripped(const QString &line) {
+    QString text = line;
+    text.remove(linePrefix);
+    text.remove(closingHashes);
+    return text.simplified();
+}
+
+QString cut(const QString &text, qsizetype length) {
+    if (text.size() <= length)
+        return text;
+    // Never half a surrogate pair.
+    const qsizetype at = text.at(length - 1).isHighSurrogate() ? length - 1 : length;
+    return text.left(at).trimmed();
+}
+
+} // namespace
+
+QString HXSheetPreview::readContentPrefix(const std::shared_ptr<HXSheetHandle> &handle) {
+    if (const auto sheet = handle->sheet())
+        return sheet->text()->string().left(prefixLength);
+    const QString url = handle->URL();
+    if (url.isEmpty())
+        return QString();
+    QString text;
+    bool read = false;
+    HXFileCoordinator coordinator;
+    coordinator.coordinateReadingItemAtURL(url, 0, nullptr, [&](const QString &path) {
+        QFile file(path + u'/' + HXNativeSheet::textFilename);
+        if (!file.open(QIODevice::ReadOnly))
+            return;
+        // Four bytes a character at most; a character cut at the end is dropped.
+        text = QString::fromUtf8(file.read(prefixLength * 4));
+        if (text.endsWith(QChar::ReplacementCharacter))
+            text.chop(1);
+        read = true;
+    });
+    if (!read) {
+        if (const auto sheet = handle->loadSheetForReading())
+            text = sheet->text()->string();
+    }
+    text.replace(QStringLiteral("\r\n"), QStringLiteral("\n"));
+    text.replace(u'\r', u'\n');
+    // Not null: an empty sheet has been read as well.
+    return text.isNull() ? QStringLiteral("") : text.left(prefixLength);
+}
+
+std::pair<QString, QString> HXSheetPreview::titleAndPreviewForText(const QString &text) {
+    QString title;
+    QStringList rest;
+    qsizetype restLength = 0;
+    for (const QStringView line : QStringView(text).split(u'\n')) {
+        const QString content = stripped(line.toString());
+        if (content.isEmpty())
+            continue;
+        if (title.isEmpty()) {
+            title = cut(content, titleLength);
+            continue;
+        }
+        rest.append(content);
+        restLength += content.size() + 1;
+        if (restLength > previewLength)
+            break;
+    }
+    return {title, cut(rest.join(u' '), previewLength)};
+}

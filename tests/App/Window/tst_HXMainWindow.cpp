@@ -1,0 +1,164 @@
+// The application as a writer meets it: the first start copies the introduction and shows its
+// first sheet; the window's editor takes typing, a list's Return and undo into the sheet; the
+// word count follows; the window comes back as it was left. Screenshots in light and dark are
+// kept in "screenshots" beside the test for people to look at.
+
+#include "App/Editor/HXTextView.h"
+#include "App/Library/HXLibraryModel.h"
+#include "App/Library/HXLibrarySidebar.h"
+#include "App/Library/HXSheetListModel.h"
+#include "App/Library/HXSheetListView.h"
+#include "App/Window/HXMainWindow.h"
+#include "App/Window/HXMainWindowController.h"
+#include "App/Window/HXStatusLine.h"
+#include "App/Window/HXVelmoraApplication.h"
+#include "AppCore/HXApplicationState.h"
+#include "HXTestSupport.h"
+#include "Model/Persistence/HXLibrary.h"
+#include "Model/Persistence/HXNativeGroup.h"
+#include "Model/Persistence/HXStorageController.h"
+#include "Model/Sheets/HXSheet.h"
+#include "Model/StorageTree/HXSheetHandle.h"
+#include "Text/String/Access/HXAtomicString.h"
+#include "Utilities/HXUserDefaults.h"
+
+#include <QApplication>
+#include <QImage>
+#include <QScrollBar>
+#include <QStyleFactory>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+HXMainWindow *mainWindow() {
+    const auto controller = std::dynamic_pointer_cast<HXMainWindowController>(
+        HXApplicationState::sharedInstance().mainWindow());
+    return controller ? controller->window() : nullptr;
+}
+
+QString sheetText(HXMainWindow *window) {
+    return window->openSheetDocument()->text()->string();
+}
+
+// The mean lightness of the editor's background, from a strip at its right edge.
+int editorLightness(HXMainWindow *window) {
+    const QImage image = window->textView()->grab().toImage();
+    qint64 sum = 0;
+    int count = 0;
+    for (int y = image.height() / 4; y < image.height() * 3 / 4; y += 7, ++count)
+        sum += image.pixelColor(image.width() - 24, y).lightness();
+    return count ? int(sum / count) : -1;
+}
+
+QPalette darkPalette() {
+    QPalette palette(QColor(0x2b, 0x2b, 0x2e));
+    palette.setColor(QPalette::WindowText, QColor(0xe4, 0xe4, 0xe6));
+    palette.setColor(QPalette::Text, QColor(0xe4, 0xe4, 0xe6));
+    palette.setColor(QPalette::Base, QColor(0x1f, 0x1f, 0x22));
+    return palette;
+}
+
+} // namespace
+
+class TestMainWindow : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_folder;
+    HXVelmoraApplication m_delegate;
+
+private slots:
+    // The first start: the library is made, the introduction copied, and its first sheet shown.
+    void initTestCase() {
+        QDir().mkpath(u"screenshots"_s);
+        QCOMPARE(m_delegate.startWithFiles({}, m_folder.filePath(u"instance"_s)),
+                 HXApplicationDelegate::StartResult::Launched);
+        QTRY_VERIFY_WITH_TIMEOUT(m_delegate.finishedLaunching(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(mainWindow() && mainWindow()->openSheetHandle(), 10000);
+        QTRY_COMPARE(HXApplicationState::sharedInstance().mainWindow()->containerOperationsCount(),
+                     0);
+        HXMainWindow *window = mainWindow();
+        QVERIFY(window->isVisible());
+        QVERIFY(!sheetText(window).isEmpty());
+        QVERIFY(window->libraryModel()->rowCount() >= 1);
+        QVERIFY(window->sheetListModel()->indexForSheetHandle(window->openSheetHandle()).isValid());
+    }
+
+    // Light follows the palette, dark too; both pictures kept.
+    void screenshotsInLightAndDark() {
+        HXMainWindow *window = mainWindow();
+        window->resize(1280, 800);
+        QApplication::processEvents();
+        QVERIFY(!window->textView()->isDark());
+        const int light = editorLightness(window);
+        // A sheet just opened shows its top, and the scroll bar says so.
+        QCOMPARE(window->textView()->verticalScrollBar()->value(), 0);
+        QVERIFY(window->grab().save(u"screenshots/main-window-light.png"_s));
+
+        const QPalette original = QApplication::palette();
+        QApplication::setPalette(darkPalette());
+        QTRY_VERIFY(window->textView()->isDark());
+        const int dark = editorLightness(window);
+        QVERIFY(window->grab().save(u"screenshots/main-window-dark.png"_s));
+        QApplication::setPalette(original);
+        QTRY_VERIFY(!window->textView()->isDark());
+        QVERIFY2(light - dark > 100, qPrintable(u"light %1, dark %2"_s.arg(light).arg(dark)));
+    }
+
+    // Keys typed into the window's editor reach the sheet; Return continues a list; undo takes
+    // the steps back one by one; the word count follows after a pause.
+    void typingReturnInListAndUndo() {
+        HXMainWindow *window = mainWindow();
+        const int rows = window->sheetListModel()->rowCount();
+        window->sheetList()->newSheet();
+        QTRY_COMPARE(window->sheetListModel()->rowCount(), rows + 1);
+        QTRY_VERIFY(window->openSheetHandle() && sheetText(window).isEmpty());
+        HXTextView *view = window->textView();
+        view->setFocus();
+        QTest::keyClicks(view, u"* one"_s);
+        QTest::keyClick(view, Qt::Key_Return);
+        QTest::keyClicks(view, u"two"_s);
+        QCOMPARE(sheetText(window), u"* one\n* two"_s);
+        QTRY_COMPARE_WITH_TIMEOUT(window->statusLine()->wordCountText(), u"2 words"_s, 5000);
+
+        // Typing "two", then the Return with the list's marker, go back one step each.
+        for (const QString &text : {u"* one\n* "_s, u"* one"_s}) {
+            QTest::keyClick(view, Qt::Key_Z, Qt::ControlModifier);
+            QCOMPARE(sheetText(window), text);
+        }
+        QTest::keyClick(view, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
+        QCOMPARE(sheetText(window), u"* one\n* "_s);
+        QTRY_COMPARE_WITH_TIMEOUT(window->statusLine()->wordCountText(), u"1 word"_s, 5000);
+    }
+
+    // What a window keeps for the next start brings back the container, the sheet and the
+    // selection in a new window; terminating keeps it in the user defaults.
+    void windowStateComesBack() {
+        HXMainWindow *window = mainWindow();
+        window->textView()->setSelectedRange(HXRange{1, 2});
+        const QVariantMap state = window->windowState();
+
+        HXMainWindow restored(HXStorageController::sharedInstance());
+        restored.restoreWindowState(state);
+        QCOMPARE(restored.selectedContainer(), window->selectedContainer());
+        QCOMPARE(restored.openSheetHandle(), window->openSheetHandle());
+        QCOMPARE(restored.textView()->selectedRange(), (HXRange{1, 2}));
+
+        m_delegate.saveWindowStates();
+        const QVariantList saved = HXUserDefaults::standardUserDefaults()
+                                       .objectForKey(HXVelmoraApplication::windowsKey)
+                                       .toList();
+        QCOMPARE(saved.size(), 1);
+        QCOMPARE(saved.first().toMap().value(u"sheet"_s), state.value(u"sheet"_s));
+    }
+};
+
+int main(int argc, char *argv[]) {
+    HXTestSupport::setUpEnvironment();
+    QApplication application(argc, argv);
+    QApplication::setStyle(QStyleFactory::create(u"Fusion"_s));
+    TestMainWindow test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_HXMainWindow.moc"
