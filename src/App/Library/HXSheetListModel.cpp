@@ -7,6 +7,7 @@
 #include "Model/Operations/HXRemoveOperation.h"
 #include "Model/Operations/HXStorageOperationQueue.h"
 #include "Model/Persistence/HXStorage.h"
+#include "Model/Sheets/HXSheet.h"
 #include "Model/StorageTree/HXContainer.h"
 #include "Model/StorageTree/HXGroup.h"
 #include "Model/StorageTree/HXSheetHandle.h"
@@ -322,7 +323,9 @@ QVariant HXSheetListModel::data(const QModelIndex &index, int role) const {
             return QString();
         if (row.derivedFrom.isNull() || prefix != row.derivedFrom) {
             row.derivedFrom = prefix;
-            row.titleAndPreview = HXSheetPreview::titleAndPreviewForText(prefix);
+            const auto sheet = row.handle->sheet();
+            row.titleAndPreview =
+                HXSheetPreview::titleAndPreviewForText(prefix, sheet ? sheet->markup() : nullptr);
         }
         const auto &[title, preview] = row.titleAndPreview;
         if (role == PreviewRole)

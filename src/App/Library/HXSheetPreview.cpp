@@ -2,26 +2,13 @@
 
 #include "Model/Sheets/HXNativeSheet.h"
 #include "Model/StorageTree/HXSheetHandle.h"
+#include "Model/Stores/HXMarkupStore.h"
 #include "Text/String/Access/HXAtomicString.h"
 #include "Utilities/HXFileCoordinator.h"
 
 #include <QFile>
-#include <QRegularExpression>
 
 namespace {
-
-// Block markup at the start of a line: headings, quotes, list items and task boxes, nested.
-const QRegularExpression
-    linePrefix(QStringLiteral(R"(^\s*(?:(?:#{1,6}|>|[-*+]|\d{1,9}[.)]|\[[ xX]\])(?:\s+|$))*)"));
-// The closing hashes of a heading.
-const QRegularExpression closingHashes(QStringLiteral(R"(\s+#+\s*$)"));
-
-QString stripped(const QString &line) {
-    QString text = line;
-    text.remove(linePrefix);
-    text.remove(closingHashes);
-    return text.simplified();
-}
 
 QString cut(const QString &text, qsizetype length) {
     if (text.size() <= length)
@@ -62,12 +49,19 @@ QString HXSheetPreview::readContentPrefix(const std::shared_ptr<HXSheetHandle> &
     return text.isNull() ? QStringLiteral("") : text.left(prefixLength);
 }
 
-std::pair<QString, QString> HXSheetPreview::titleAndPreviewForText(const QString &text) {
+std::pair<QString, QString>
+HXSheetPreview::titleAndPreviewForText(const QString &text, std::shared_ptr<HXMarkup> markup) {
+    if (!markup)
+        markup = HXMarkupStore::globalStore()->defaultIntrinsicMarkup();
+    // The tags are the markup's to say: read the text as a sheet would, then leave them out.
+    const auto string = HXAtomicString::stringWithMarkup(markup);
+    string->setString(text);
+    const QString plain = string->stringByRemovingObjectsAndTags();
     QString title;
     QStringList rest;
     qsizetype restLength = 0;
-    for (const QStringView line : QStringView(text).split(u'\n')) {
-        const QString content = stripped(line.toString());
+    for (const QStringView line : QStringView(plain).split(u'\n')) {
+        const QString content = line.toString().simplified();
         if (content.isEmpty())
             continue;
         if (title.isEmpty()) {

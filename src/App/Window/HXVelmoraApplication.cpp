@@ -164,6 +164,8 @@ bool HXVelmoraApplication::takeScreenshot() {
     }
     if (handle)
         window->revealSheet(handle);
+    else
+        handle = window->openSheetHandle();
     window->resize(m_screenshot->size);
     window->show();
     window->textView()->setFocus();

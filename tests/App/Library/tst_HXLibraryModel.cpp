@@ -121,19 +121,20 @@ private slots:
         QTest::addColumn<QString>("preview");
         QTest::newRow("heading") << u"# Chapter One\nIt was a dark night.\n\nRain  fell."_s
                                  << u"Chapter One"_s << u"It was a dark night. Rain fell."_s;
-        QTest::newRow("nested prefixes, closing hashes")
-            << u"\n\n  > ## Quote ##\n\n- one\n* two\n3. three\n[x] done"_s << u"Quote"_s
-            << u"one two three done"_s;
+        // The markup reads closing hashes as text, and "#tag" as a tag.
+        QTest::newRow("nested prefixes")
+            << u"\n\n  > ## Quote ##\n\n- one\n* two\n3. three\n[x] done"_s << u"Quote ##"_s
+            << u"one two three [x] done"_s;
         QTest::newRow("empty") << QString() << QString() << QString();
         QTest::newRow("blank lines only") << u"\n \n\t\n"_s << QString() << QString();
-        QTest::newRow("inline tags stay")
-            << u"**Bold** start\n#tag"_s << u"**Bold** start"_s << u"#tag"_s;
+        QTest::newRow("inline tags go")
+            << u"**Bold** *start*\n#tag and `code`"_s << u"Bold start"_s << u"tag and code"_s;
         QTest::newRow("long title cut")
             << QString(150, u'x') << QString(HXSheetPreview::titleLength, u'x') << QString();
         QTest::newRow("long preview cut") << u"T\n"_s + QString(400, u'y') << u"T"_s
                                           << QString(HXSheetPreview::previewLength, u'y');
     }
-    // A list shows the first line without its markup prefix, and the lines after it run
+    // A list shows the first line without the tags the markup reads, and the lines after it run
     // together, both trimmed and short.
     void titleAndPreview() {
         QFETCH(QString, text);
