@@ -113,9 +113,11 @@ bool parseEditStep(const QString &line, EditStep *step, QString *failure) {
         step->kind = EditStep::Key;
         step->text = match.captured(1);
         static const QStringList keys{QStringLiteral("return"), QStringLiteral("backspace"),
-                                      QStringLiteral("delete"), QStringLiteral("tab")};
+                                      QStringLiteral("delete"), QStringLiteral("tab"),
+                                      QStringLiteral("backtab")};
         if (!keys.contains(step->text)) {
-            *failure = QStringLiteral("unknown key '%1': expected return, backspace, delete or tab")
+            *failure = QStringLiteral(
+                           "unknown key '%1': expected return, backspace, delete, tab or backtab")
                            .arg(step->text);
             return false;
         }
@@ -201,6 +203,8 @@ bool runEditScript(const QString &scriptPath, const QByteArray &script,
                 editor.deleteBackward();
             else if (step.text == u"delete")
                 editor.deleteForward();
+            else if (step.text == u"backtab")
+                editor.insertBacktab();
             else
                 editor.insertTab();
             break;

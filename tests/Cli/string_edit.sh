@@ -66,6 +66,6 @@ bad 'replace 0 0 "x"\n\nredo\n' 'bad:3: nothing to redo'
 bad 'replace 2 5 "x"\n' 'bad:1: range {2, 5} out of bounds of text of length 3'
 bad 'replace 0 0 x\n' "bad:1: expected 'replace LOCATION LENGTH TEXT', 'select LOCATION LENGTH', 'type TEXT', 'key KEY', 'toggle DEFINITION', 'undo', 'redo' or 'break', got 'replace 0 0 x'"
 bad 'select 1 9\n' 'bad:1: range {1, 9} out of bounds of text of length 3'
-bad 'key enter\n' "bad:1: unknown key 'enter': expected return, backspace, delete or tab"
+bad 'key enter\n' "bad:1: unknown key 'enter': expected return, backspace, delete, tab or backtab"
 bad 'toggle nothing\n' "bad:1: markup 'markdownqr' has no tag for 'nothing'"
 bad 'replace 0 0 "a" "b"\n' 'bad:1: TEXT is no JSON string literal: "a" "b"'

@@ -46,6 +46,8 @@ struct Editing {
                 editor->deleteBackward();
             else if (argument == u"delete")
                 editor->deleteForward();
+            else if (argument == u"backtab")
+                editor->insertBacktab();
             else
                 editor->insertTab();
         } else if (verb == u"toggle") {
@@ -127,6 +129,15 @@ void tst_HXTextActor::editing_data() {
                                             << u"* a\n"_s << u"4,0"_s << u"* a\n* "_s;
     QTest::newRow("typing keeps marker") << u"* a"_s << u"select 3 0|key return|type b"_s
                                          << u"* a\n* b"_s << u"7,0"_s << u"* a\n* "_s;
+    // Tab behind a list item's tags takes it a level in, Shift-Tab out; elsewhere a tab.
+    QTest::newRow("tab indents item")
+        << u"* a\n* b"_s << u"select 6 0|key tab"_s << u"* a\n\t* b"_s << u"7,0"_s << u"* a\n* b"_s;
+    QTest::newRow("tab indents last empty item")
+        << u"* a\n* "_s << u"select 6 0|key tab"_s << u"* a\n\t* "_s << u"7,0"_s << u"* a\n* "_s;
+    QTest::newRow("backtab outdents") << u"* a\n\t* b"_s << u"select 8 0|key backtab"_s
+                                      << u"* a\n* b"_s << u"7,0"_s << u"* a\n\t* b"_s;
+    QTest::newRow("tab inside item text")
+        << u"* a\n* b"_s << u"select 7 0|key tab"_s << u"* a\n* b\t"_s << u"8,0"_s << u"* a\n* b"_s;
     // Tags pair up, and typing the closing text steps over the automatic end tag.
     QTest::newRow("pairing") << u"x "_s << u"select 2 0|type **"_s << u"x ****"_s << u"4,0"_s
                              << u"x **"_s;

@@ -35,6 +35,10 @@ public:
     QFont textFont() const;
     void setMaximumColumnWidth(int pixels);
 
+    // Whether keys, input methods, paste, cut and undo may change the text.
+    bool isReadOnly() const;
+    void setReadOnly(bool readOnly);
+
     // Whether the colours of the dark mode are used. Follows the application palette unless set.
     bool isDark() const;
     void setDark(bool dark);

@@ -240,7 +240,7 @@ void HXTextView::keyPressEvent(QKeyEvent *event) {
     Private &p = *d;
     const bool extend = event->modifiers() & Qt::ShiftModifier;
     const bool control = event->modifiers() & Qt::ControlModifier;
-    const bool editable = p.content != nullptr;
+    const bool editable = p.isEditable();
     const HXRange selection = p.editor->selectedRange();
     const quint64 head = p.selectionHead();
     switch (event->key()) {
@@ -310,6 +310,10 @@ void HXTextView::keyPressEvent(QKeyEvent *event) {
         }
         return;
     case Qt::Key_Backtab:
+        if (editable) {
+            p.editor->insertBacktab();
+            p.afterUserEdit();
+        }
         return;
     default:
         break;
@@ -326,7 +330,7 @@ void HXTextView::keyPressEvent(QKeyEvent *event) {
 
 void HXTextView::inputMethodEvent(QInputMethodEvent *event) {
     Private &p = *d;
-    if (!p.content) {
+    if (!p.isEditable()) {
         event->ignore();
         return;
     }
@@ -452,7 +456,7 @@ void HXTextView::copy() {
 
 void HXTextView::cut() {
     const HXRange selection = d->editor->selectedRange();
-    if (selection.length == 0 || !d->content)
+    if (selection.length == 0 || !d->isEditable())
         return;
     copy();
     d->editor->commitAutomaticInsertion();
@@ -462,7 +466,7 @@ void HXTextView::cut() {
 }
 
 void HXTextView::paste() {
-    if (!d->content)
+    if (!d->isEditable())
         return;
     const QMimeData *data = QGuiApplication::clipboard()->mimeData();
     if (!data)
@@ -488,7 +492,7 @@ void HXTextView::paste() {
 }
 
 void HXTextView::undo() {
-    const auto manager = d->content ? d->content->undoManager() : nullptr;
+    const auto manager = d->isEditable() ? d->content->undoManager() : nullptr;
     if (!manager || !manager->canUndo())
         return;
     d->editor->commitAutomaticInsertion();
@@ -504,7 +508,7 @@ void HXTextView::undo() {
 }
 
 void HXTextView::redo() {
-    const auto manager = d->content ? d->content->undoManager() : nullptr;
+    const auto manager = d->isEditable() ? d->content->undoManager() : nullptr;
     if (!manager || !manager->canRedo())
         return;
     d->editor->commitAutomaticInsertion();
@@ -515,4 +519,13 @@ void HXTextView::redo() {
     if (!edited.isNotFound())
         setSelectedRange(HXRange{edited.max(), 0});
     d->afterUserEdit();
+}
+
+bool HXTextView::isReadOnly() const {
+    return d->readOnly;
+}
+
+void HXTextView::setReadOnly(bool readOnly) {
+    d->readOnly = readOnly;
+    setAttribute(Qt::WA_InputMethodEnabled, !readOnly);
 }

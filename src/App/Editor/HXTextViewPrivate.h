@@ -45,6 +45,9 @@ struct HXTextView::Private {
     std::shared_ptr<HXTextStorage> storage = std::make_shared<HXTextStorage>();
     std::unique_ptr<HXTextViewEditor> editor;
     std::shared_ptr<HXMutableString> content;
+    // A sheet that may be read but not changed (one in the trash).
+    bool readOnly = false;
+    bool isEditable() const { return content && !readOnly; }
     HXTypesetter typesetter;
     HXParagraphHeights heights;
     std::map<qsizetype, std::unique_ptr<HXParagraphLayout>> layouts;

@@ -13,6 +13,7 @@
 #include "Model/Sheets/HXSheet.h"
 #include "Model/StorageTree/HXContainer.h"
 #include "Model/StorageTree/HXSheetHandle.h"
+#include "Text/Markup/HXMarkup.h"
 #include "Text/String/Access/HXAtomicString.h"
 #include "Utilities/HXLocalizedString.h"
 
@@ -23,6 +24,8 @@
 #include <QScrollBar>
 #include <QSplitter>
 #include <QVBoxLayout>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -121,11 +124,54 @@ void HXMainWindow::buildMenus() {
     for (QAction *action : edit->actions())
         action->setShortcutContext(Qt::WidgetShortcut);
 
+    // Tags by their meaning: the open sheet's markup says how each is written.
+    QMenu *format = menuBar()->addMenu(text("FormatMenu"));
+    const struct {
+        const char *title;
+        const char *definition;
+        QKeySequence shortcut;
+    } tags[] = {
+        {"Strong", "strong", QKeySequence::Bold},
+        {"Emphasis", "emph", QKeySequence::Italic},
+        {"Heading1", "heading1", QKeySequence(Qt::CTRL | Qt::Key_1)},
+        {"Heading2", "heading2", QKeySequence(Qt::CTRL | Qt::Key_2)},
+        {"Heading3", "heading3", QKeySequence(Qt::CTRL | Qt::Key_3)},
+        {"Quote", "blockquote", QKeySequence(Qt::CTRL | Qt::Key_Apostrophe)},
+        {"BulletedList", "unorderedList", QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_8)},
+        {"NumberedList", "orderedList", QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_7)},
+    };
+    for (const auto &tag : tags) {
+        const QString definition = QString::fromLatin1(tag.definition);
+        QAction *action = format->addAction(text(tag.title), tag.shortcut, this,
+                                            [this, definition] { toggleDefinition(definition); });
+        action->setObjectName(u"format."_s + definition);
+    }
+    format->addSeparator();
+    format->addAction(text("RemoveTags"), this, [this] {
+        if (m_textView->content() && !m_textView->isReadOnly())
+            m_textView->editor().actor().removeAllTagsInSelection();
+    });
+
     QMenu *help = menuBar()->addMenu(text("HelpMenu"));
     help->addAction(text("RestoreIntroduction"), this, [] {
         if (auto *delegate = HXApplicationDelegate::sharedInstance())
             delegate->restoreIntroduction();
     });
+}
+
+bool HXMainWindow::toggleDefinition(const QString &identifier) {
+    const auto content = m_textView->content();
+    if (!content || m_textView->isReadOnly())
+        return false;
+    const auto markup = content->markup();
+    HXTextTagRef tag = markup->defaultTagWithIdentifier(identifier);
+    if (!tag)
+        tag = markup->allTagsWithIdentifier(identifier).value(0);
+    if (!tag || !m_textView->editor().toggleTag(tag)) {
+        QApplication::beep();
+        return false;
+    }
+    return true;
 }
 
 void HXMainWindow::selectContainer(const std::shared_ptr<HXContainer> &container) {
@@ -173,6 +219,8 @@ bool HXMainWindow::openSheet(const std::shared_ptr<HXSheetHandle> &handle) {
     m_sheetHandle = handle;
     m_sheet = sheet;
     m_textView->setContent(sheet ? sheet->text() : nullptr);
+    // A sheet in the trash is read, not written.
+    m_textView->setReadOnly(handle && !handle->isEditable());
     m_statusLine->setSheet(handle, sheet);
     emit sheetOpened();
     return true;

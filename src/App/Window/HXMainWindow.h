@@ -49,6 +49,9 @@ public:
     bool openSheet(const std::shared_ptr<HXSheetHandle> &handle);
     std::shared_ptr<HXSheetHandle> openSheetHandle() const { return m_sheetHandle; }
     std::shared_ptr<HXSheet> openSheetDocument() const { return m_sheet; }
+    // Sets or takes away the tag of the definition ("strong", "heading2") over the editor's
+    // selection, as the open sheet's markup writes it; false (and a beep) where it has none.
+    bool toggleDefinition(const QString &identifier);
 
     // What is restored at the next start: geometry, panes, the chosen container and sheet, the
     // selection and scroll position in the sheet.

@@ -1,5 +1,7 @@
 #include "TextSystem/Actor/HXTextEditor.h"
 
+#include "Text/Markup/HXDefinition.h"
+#include "Text/Markup/HXTextTag.h"
 #include "Utilities/HXAssert.h"
 #include "Utilities/HXUndoManager.h"
 
@@ -120,7 +122,67 @@ bool HXTextEditor::automaticInsertionIsStillMatched() const {
 }
 
 void HXTextEditor::insertTab() {
-    insertText(QStringLiteral("\t"));
+    if (!indentListItems(true))
+        insertText(QStringLiteral("\t"));
+}
+
+void HXTextEditor::insertBacktab() {
+    if (!indentListItems(false))
+        beep();
+}
+
+bool HXTextEditor::indentListItems(bool in) {
+    const HXRange selection = selectedRange();
+    const HXString &text = *m_storage->cachedContent();
+    // A caret at the very end stands in the last paragraph, unless a line feed ends the text.
+    HXRange probe = selection;
+    if (probe.length == 0 && probe.location > 0 && probe.location == text.length() &&
+        text.characterAtIndex(probe.location - 1) != u'\n')
+        probe = HXRange{probe.location - 1, 1};
+    // Every paragraph of the selection must be a list item; a caret must stand right behind
+    // the item's tags, where a tab would otherwise go, or anywhere for going out.
+    QList<QPair<HXParagraphRef, HXRange>> items;
+    bool eligible = true;
+    text.enumerateParagraphsInRange(probe, [&](const HXParagraphRef &paragraph, quint64 location,
+                                               quint64 length, bool &stop) {
+        bool list = false;
+        for (const HXTextTagRef &grouping : paragraph->groupings())
+            list = list || (grouping && grouping->definition()->groupingType() == HXGroupingList);
+        const HXRange range{location, length};
+        const HXRange own = HXTextActor::textRangeOfParagraph(*paragraph, range);
+        if (!list || (in && selection.length == 0 && selection.location != own.location)) {
+            eligible = false;
+            stop = true;
+        }
+        items.append({paragraph, range});
+    });
+    if (items.isEmpty() || !eligible)
+        return false;
+    commitAutomaticInsertion();
+    // Last first, so that the ranges of the paragraphs before stay true; the selection moves by
+    // what changed before each of its ends.
+    qint64 startShift = 0, endShift = 0;
+    bool changed = false;
+    for (qsizetype i = items.size() - 1; i >= 0; --i) {
+        const auto &[paragraph, range] = items.at(i);
+        const quint64 before = m_storage->length();
+        if (!m_actor.applyTextIndentationOnParagraph(paragraph, range, selection, in))
+            continue;
+        changed = true;
+        const qint64 delta = qint64(m_storage->length()) - qint64(before);
+        if (range.location < selection.location ||
+            (selection.length == 0 && range.location == selection.location))
+            startShift += delta;
+        if (range.location < selection.max())
+            endShift += delta;
+    }
+    if (changed) {
+        const quint64 start = quint64(std::max<qint64>(0, qint64(selection.location) + startShift));
+        const quint64 end =
+            quint64(std::max<qint64>(qint64(start), qint64(selection.max()) + endShift));
+        setSelectedRange(HXRange{start, selection.length == 0 ? 0 : end - start});
+    }
+    return changed;
 }
 
 void HXTextEditor::processAutomaticMatchingTags() {

@@ -36,7 +36,10 @@ public:
     void insertNewline();
     void deleteBackward();
     void deleteForward();
+    // Tab takes a list item one level in when the caret stands right behind its tags (or list
+    // items are selected); elsewhere it is a tab. Shift-Tab takes list items one level out.
     void insertTab();
+    void insertBacktab();
     // Sets or takes away the tag over the selection.
     bool toggleTag(const HXTextTagRef &tag);
 
@@ -59,6 +62,8 @@ private:
     // The typing path: the storage takes the text directly, after the door's cheap check.
     void typeText(const QString &text, HXRange range);
     void processAutomaticMatchingTags();
+    // One level in or out for the selected list items; false where that doesn't apply.
+    bool indentListItems(bool in);
     // Whether the opening tag that an automatic end tag answers still opens an element.
     bool automaticInsertionIsStillMatched() const;
     // Moves the remembered ranges over an edit of `range` into `length` characters.

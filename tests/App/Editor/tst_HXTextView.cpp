@@ -304,6 +304,20 @@ void tst_HXTextView::clipboard() {
     QCOMPARE(sheet.text(), u"**bold** end**bold**"_s);
     QCOMPARE(clipboard->text(), u"plain "_s);
     sheet.view.checkInvariants();
+
+    // A sheet that is only read takes no keys, pastes, cuts or undo; copying still works.
+    sheet.view.setReadOnly(true);
+    sheet.view.setSelectedRange(HXRange{0, 8});
+    QTest::keyClicks(&sheet.view, u"x"_s);
+    sheet.view.copy();
+    sheet.view.paste();
+    sheet.view.cut();
+    sheet.view.undo();
+    QInputMethodEvent commit;
+    commit.setCommitString(u"y"_s);
+    QApplication::sendEvent(&sheet.view, &commit);
+    QCOMPARE(sheet.text(), u"**bold** end**bold**"_s);
+    QCOMPARE(clipboard->text(), u"**bold**"_s);
 }
 
 void tst_HXTextView::inputMethod() {

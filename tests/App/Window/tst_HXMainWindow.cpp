@@ -22,6 +22,7 @@
 #include "Text/String/Access/HXAtomicString.h"
 #include "Utilities/HXUserDefaults.h"
 
+#include <QAction>
 #include <QApplication>
 #include <QImage>
 #include <QScrollBar>
@@ -129,6 +130,13 @@ private slots:
         QTest::keyClick(view, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
         QCOMPARE(sheetText(window), u"* one\n* "_s);
         QTRY_COMPARE_WITH_TIMEOUT(window->statusLine()->wordCountText(), u"1 word"_s, 5000);
+
+        // Tags by meaning from the Format menu, written as the sheet's markup writes them.
+        view->setSelectedRange(HXRange{2, 3});
+        window->findChild<QAction *>(u"format.strong"_s)->trigger();
+        QCOMPARE(sheetText(window), u"* **one**\n* "_s);
+        window->findChild<QAction *>(u"format.heading2"_s)->trigger();
+        QCOMPARE(sheetText(window), u"* ## **one**\n* "_s); // a heading inside the item
     }
 
     // What a window keeps for the next start brings back the container, the sheet and the
