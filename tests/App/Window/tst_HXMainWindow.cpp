@@ -17,6 +17,7 @@
 #include "Model/Persistence/HXLibrary.h"
 #include "Model/Persistence/HXNativeGroup.h"
 #include "Model/Persistence/HXStorageController.h"
+#include "Model/Persistence/HXVersionStore.h"
 #include "Model/Sheets/HXSheet.h"
 #include "Model/StorageTree/HXSheetHandle.h"
 #include "Text/String/Access/HXAtomicString.h"
@@ -25,6 +26,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QImage>
+#include <QProcess>
 #include <QScrollBar>
 #include <QStyleFactory>
 
@@ -137,6 +139,40 @@ private slots:
         QCOMPARE(sheetText(window), u"* **one**\n* "_s);
         window->findChild<QAction *>(u"format.heading2"_s)->trigger();
         QCOMPARE(sheetText(window), u"* ## **one**\n* "_s); // a heading inside the item
+    }
+
+    // Another process writes the open sheet, typed into but not yet saved: what was typed is
+    // kept as a version and the editor shows the text on disk.
+    void openSheetWrittenByAnotherProcess() {
+        HXMainWindow *window = mainWindow();
+        HXTextView *view = window->textView();
+        view->setSelectedRange(HXRange{0, 0});
+        QTest::keyClicks(view, u"Unsaved. "_s);
+        QVERIFY(window->openSheetDocument()->hasUnsavedChanges());
+        const QString textFile = m_folder.filePath(u"outside.txt"_s);
+        QFile file(textFile);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("# From outside\nWritten by another process.\n");
+        file.close();
+        QProcess cli;
+        cli.start(QStringLiteral(VELMORA_CLI),
+                  {u"sheet"_s, u"set-text"_s, window->openSheetHandle()->URL(), textFile});
+        QVERIFY(cli.waitForFinished(10000));
+        QCOMPARE(cli.exitCode(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(view->textStorage().string(),
+                                  u"# From outside\nWritten by another process.\n"_s, 10000);
+        view->checkInvariants();
+        // The typed state is among the sheet's versions.
+        bool kept = false;
+        for (const HXFileVersion &version :
+             HXVersionStore::versionsOfItem(window->openSheetHandle()->URL())) {
+            QFile content(version.path + u"/Text.txt"_s);
+            kept = kept ||
+                   (content.open(QIODevice::ReadOnly) && content.readAll().startsWith("Unsaved. "));
+        }
+        QVERIFY(kept);
+        QTest::keyClicks(view, u"x"_s);
+        QVERIFY(view->textStorage().string().contains(u'x'));
     }
 
     // What a window keeps for the next start brings back the container, the sheet and the
