@@ -65,8 +65,7 @@ QString temporaryCopyOfFolder(const QString &url) {
 
 // Runs the operation and waits for it, and for what it left for the main queue. Not on the main
 // thread.
-void runAndWait(const std::shared_ptr<HXContainerOperation> &operation,
-                std::atomic<int> &counter) {
+void runAndWait(const std::shared_ptr<HXContainerOperation> &operation, std::atomic<int> &counter) {
     std::binary_semaphore done{0};
     ++counter;
     operation->setCompletionBlock(
@@ -123,12 +122,12 @@ void HXWindowController::openFileURLs(const QStringList &urls,
         }
         const auto operation = HXImportOperation::importOperationForSheetURLs(
             imports, library->defaultContainerForItemOfKind(HXStorageItemKind::Sheet), HXNotFound);
-        operation->setInsertionHandler(
-            [items, imports](const std::shared_ptr<HXStorageItem> &item,
-                             const std::shared_ptr<HXStorageItem> &, const QString &source) {
-                if (imports.contains(source))
-                    items->append(item);
-            });
+        operation->setInsertionHandler([items, imports](const std::shared_ptr<HXStorageItem> &item,
+                                                        const std::shared_ptr<HXStorageItem> &,
+                                                        const QString &source) {
+            if (imports.contains(source))
+                items->append(item);
+        });
         operation->setDelegate(self);
         ++self->m_containerOperationsCount;
         operation->setCompletionBlock([self, items, completion] {
@@ -169,11 +168,14 @@ void HXWindowController::restoreIntroductionIfNeeded(bool force) {
             const auto self = weak.lock();
             if (!self)
                 return;
-            if (selection)
+            // A window brought back as it was left keeps its container when nothing new came.
+            if (selection) {
                 self->revealContainersAndSheetsHandles({selection});
-            self->selectContainer(targetContainerForBundledDocuments());
+                self->selectContainer(targetContainerForBundledDocuments());
+            }
             if (!success)
                 self->showIntroductionMissingAlert();
+            self->bundledContentDidSettle();
         });
     });
 }
@@ -286,8 +288,8 @@ bool HXWindowController::restoreFilesFromURL(const QString &url,
     const QString copyPath = temporaryCopyOfFolder(url);
     if (copyPath.isEmpty())
         return false;
-    const auto copy = HXLibrary::libraryAtURL(
-        copyPath, QUuid::createUuid().toString(QUuid::WithoutBraces));
+    const auto copy =
+        HXLibrary::libraryAtURL(copyPath, QUuid::createUuid().toString(QUuid::WithoutBraces));
     const auto cleanUp = qScopeGuard([&] {
         copy->invalidate();
         QDir(copyPath.section(u'/', 0, -2)).removeRecursively();
@@ -337,7 +339,8 @@ void HXWindowController::handleWriteError(const std::shared_ptr<HXSheet> &, cons
 }
 
 void HXWindowController::showIntroductionMissingAlert() {
-    HXApplicationLog::sharedInstance()->logError(u"%@", localized(QStringLiteral("introductionMissing")));
+    HXApplicationLog::sharedInstance()->logError(u"%@",
+                                                 localized(QStringLiteral("introductionMissing")));
 }
 
 void HXWindowController::containerOperationFailedOnError(HXContainerOperation &,

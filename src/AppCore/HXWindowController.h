@@ -22,9 +22,9 @@ class HXWindowController : public std::enable_shared_from_this<HXWindowControlle
 public:
     using Items = QList<std::shared_ptr<HXStorageItem>>;
     // Whether all went well, the sheet to select first and the container it came with.
-    using FirstSelectionHandler = std::function<void(
-        bool success, const std::shared_ptr<HXStorageItem> &selection,
-        const std::shared_ptr<HXContainer> &container)>;
+    using FirstSelectionHandler =
+        std::function<void(bool success, const std::shared_ptr<HXStorageItem> &selection,
+                           const std::shared_ptr<HXContainer> &container)>;
 
     HXWindowController() = default;
     ~HXWindowController() override = default;
@@ -66,6 +66,8 @@ public:
     virtual void show() {}
     virtual void revealContainersAndSheetsHandles(const Items &items) { m_revealed = items; }
     virtual void selectContainer(const std::shared_ptr<HXContainer> &) {}
+    // The built-in content has been dealt with: copied, found copied before, or missing.
+    virtual void bundledContentDidSettle() {}
     virtual void handleWriteError(const std::shared_ptr<HXSheet> &sheet, const HXError &error);
     virtual void showIntroductionMissingAlert();
     void containerOperationFailedOnError(HXContainerOperation &operation,

@@ -64,7 +64,6 @@ void HXMainWindowController::revealContainersAndSheetsHandles(const Items &items
 }
 
 void HXMainWindowController::selectContainer(const std::shared_ptr<HXContainer> &container) {
-    m_settled = true;
     if (!m_window || !container)
         return;
     // The built-in content reveals its first sheet and then asks for the group it went into:
@@ -89,7 +88,6 @@ void HXMainWindowController::handleWriteError(const std::shared_ptr<HXSheet> &sh
 
 void HXMainWindowController::showIntroductionMissingAlert() {
     HXWindowController::showIntroductionMissingAlert();
-    m_settled = true;
     if (!m_window)
         return;
     auto *box = new QMessageBox(QMessageBox::Information, QStringLiteral("Velmora"),

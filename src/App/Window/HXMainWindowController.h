@@ -25,15 +25,17 @@ public:
     void selectContainer(const std::shared_ptr<HXContainer> &container) override;
     void handleWriteError(const std::shared_ptr<HXSheet> &sheet, const HXError &error) override;
     void showIntroductionMissingAlert() override;
+    void bundledContentDidSettle() override { ++m_settleCount; }
 
     // Whether the built-in content has been dealt with since the window was made (copied,
     // found copied before, or missing).
-    bool hasSettledBundledContent() const { return m_settled; }
+    bool hasSettledBundledContent() const { return m_settleCount > 0; }
+    int bundledContentSettleCount() const { return m_settleCount; }
 
 private:
     QPointer<HXMainWindow> m_window;
     std::shared_ptr<HXStorageItem> m_lastRevealed;
     std::chrono::steady_clock::time_point m_revealTime;
-    bool m_settled = false;
+    int m_settleCount = 0;
     bool m_closing = false;
 };

@@ -188,6 +188,18 @@ private slots:
         QCOMPARE(restored.openSheetHandle(), window->openSheetHandle());
         QCOMPARE(restored.textView()->selectedRange(), (HXRange{1, 2}));
 
+        // Asked for the built-in content again with nothing new to copy, as every start asks,
+        // the window keeps the container it was brought back with.
+        const auto controller = std::dynamic_pointer_cast<HXMainWindowController>(
+            HXApplicationState::sharedInstance().mainWindow());
+        const auto inbox = HXStorageController::sharedInstance()->localLibrary()->defaultGroup();
+        window->selectContainer(inbox);
+        const int settled = controller->bundledContentSettleCount();
+        controller->restoreIntroductionIfNeeded(false);
+        QTRY_VERIFY(controller->bundledContentSettleCount() > settled);
+        QCOMPARE(window->selectedContainer(), HXContainerRef(inbox));
+        window->revealSheet(restored.openSheetHandle());
+
         m_delegate.saveWindowStates();
         const QVariantList saved = HXUserDefaults::standardUserDefaults()
                                        .objectForKey(HXVelmoraApplication::windowsKey)
