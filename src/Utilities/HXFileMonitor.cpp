@@ -2,6 +2,7 @@
 
 #include "Utilities/HXApplicationLog.h"
 #include "Utilities/HXFileCoordinator.h"
+#include "Utilities/HXFileMonitorInternals.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -21,77 +22,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace HXFileMonitorInternals;
+
 namespace {
-
-constexpr quint32 watchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE |
-                              IN_MODIFY | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR |
-                              IN_EXCL_UNLINK;
-// How long a write of ours is remembered at most: it is forgotten as soon as a settling has taken
-// the events it caused, and this only bounds writes whose events no settling ever takes.
-constexpr qint64 ownWriteLifetime = 60000;
-// The most entries of a written folder that are remembered; beyond, changes inside count as
-// foreign.
-constexpr int ownWriteEntryLimit = 4096;
-
-// The state of the items that coordinated writes of this process left, by written path.
-struct OwnWrites {
-    std::mutex mutex;
-    struct Write {
-        QHash<QString, HXFileIdentity> items;
-        qint64 expiry = 0;
-        quint64 sequence = 0; // later writes have higher numbers
-    };
-    QHash<QString, Write> byPath;
-    quint64 lastSequence = 0;
-};
-
-OwnWrites &ownWrites() {
-    static OwnWrites writes;
-    return writes;
-}
-
-// Walks a folder and everything below it, hidden names aside, without recursion. The visitor
-// gets each folder before its entries and says whether to go on (false ends the walk); `entry`
-// gets every entry and says whether it is a folder to walk into.
-void walk(const QString &root, const std::function<bool(const QString &)> &visitFolder,
-          const std::function<bool(const QString &, const dirent &)> &entry) {
-    QStringList folders{root};
-    while (!folders.isEmpty()) {
-        const QString folder = folders.takeLast();
-        if (!visitFolder(folder))
-            return;
-        DIR *directory = ::opendir(QFile::encodeName(folder).constData());
-        if (!directory)
-            continue;
-        while (const dirent *item = ::readdir(directory)) {
-            if (item->d_name[0] == '.')
-                continue;
-            const QString child = folder + u'/' + QFile::decodeName(item->d_name);
-            if (entry(child, *item))
-                folders.append(child);
-        }
-        ::closedir(directory);
-    }
-}
-
-void snapshot(const QString &path, QHash<QString, HXFileIdentity> &items) {
-    const HXFileIdentity identity = HXFileIdentity::ofPath(path);
-    items.insert(path, identity);
-    if (!identity.isDirectory)
-        return;
-    walk(
-        path, [&](const QString &) { return items.size() < ownWriteEntryLimit; },
-        [&](const QString &child, const dirent &) {
-            const HXFileIdentity childIdentity = HXFileIdentity::ofPath(child);
-            items.insert(child, childIdentity);
-            return childIdentity.isDirectory;
-        });
-}
-
-bool isHidden(const QString &path) {
-    const qsizetype slash = path.lastIndexOf(u'/');
-    return slash + 1 < path.size() && path.at(slash + 1) == u'.';
-}
 
 HXFileMonitor *s_shared = nullptr;
 
@@ -226,8 +159,7 @@ QSet<QString> HXFileMonitor::treeOf(const QString &path, QStringList *packages) 
     return folders;
 }
 
-void HXFileMonitor::addSubtree(const QString &root, QSet<QString> &folders,
-                               QStringList *packages) {
+void HXFileMonitor::addSubtree(const QString &root, QSet<QString> &folders, QStringList *packages) {
     walk(
         root,
         [&](const QString &folder) {
@@ -256,6 +188,9 @@ void HXFileMonitor::watchDeferredPackages() {
     constexpr int batch = 256;
     for (int i = 0; i < batch && !m_deferredPackages.isEmpty(); ++i) {
         const auto [path, package] = m_deferredPackages.takeFirst();
+        if (const auto waiting = m_deferredWaiting.find(package);
+            waiting != m_deferredWaiting.end() && --*waiting == 0)
+            m_deferredWaiting.erase(waiting);
         const auto tree = m_trees.find(path);
         if (tree == m_trees.end() || !QFileInfo(package).isDir())
             continue;
@@ -279,14 +214,23 @@ void HXFileMonitor::watchDeferredPackages() {
 // Brings the watches in line with the presenters. Each presented item's tree is walked when it
 // comes and afterwards only where folders changed, and every folder counts the trees that want
 // it, so a new presenter or a new folder costs its own tree, not the whole library's.
+//
+// A folder that comes into a tree walked before it (it appeared, or moved there) or whose watch
+// is put again is compared with what was known of it: another process may have been at work in
+// it before the watch was in place. Only the folders of a tree walked for the first time, and
+// packages waiting for their watch, are taken as they are.
 void HXFileMonitor::updateWatches(const QStringList &changedFolders) {
     if (!m_debounce)
         return; // not started yet; starting updates them
     QStringList gained, lost;
-    auto take = [&](const QSet<QString> &folders) {
+    QSet<QString> compared;
+    auto take = [&](const QSet<QString> &folders, bool compare) {
         for (const QString &folder : folders) {
-            if (++m_wanted[folder] == 1)
+            if (++m_wanted[folder] == 1) {
                 gained.append(folder);
+                if (compare && !isWaitingForWatch(folder))
+                    compared.insert(folder);
+            }
         }
     };
     auto drop = [&](const QSet<QString> &folders) {
@@ -312,15 +256,28 @@ void HXFileMonitor::updateWatches(const QStringList &changedFolders) {
         drop(*it);
         it = m_trees.erase(it);
     }
+    QSet<QString> newTrees;
+    for (const QString &path : std::as_const(presented)) {
+        if (!m_trees.contains(path))
+            newTrees.insert(path);
+    }
     for (const QString &path : std::as_const(presented)) {
         auto tree = m_trees.find(path);
         if (tree == m_trees.end()) {
             QStringList packages;
             const QSet<QString> folders = treeOf(path, &packages);
-            take(folders);
+            for (const QString &folder : folders) {
+                if (++m_wanted[folder] == 1) {
+                    gained.append(folder);
+                    if (appearedInWatchedTree(folder, newTrees))
+                        compared.insert(folder);
+                }
+            }
             m_trees.insert(path, folders);
-            for (const QString &package : std::as_const(packages))
+            for (const QString &package : std::as_const(packages)) {
                 m_deferredPackages.append({path, package});
+                ++m_deferredWaiting[package];
+            }
             continue;
         }
         for (const QString &folder : changedFolders) {
@@ -339,14 +296,38 @@ void HXFileMonitor::updateWatches(const QStringList &changedFolders) {
                     addSubtree(folder, now);
             }
             drop(old - now);
-            take(now - old);
+            take(now - old, true);
             tree->subtract(old);
             tree->unite(now);
         }
     }
 
-    for (const QString &folder : std::as_const(lost))
-        removeFolder(folder);
+    // Folders that moved keep their watches, which went with them, and what was known of them.
+    for (auto it = m_carried.begin(); it != m_carried.end();) {
+        const QString &to = it.key();
+        if (!m_wanted.contains(to) || it->descriptor < 0 ||
+            HXFileIdentity::ofPath(to).inode != it->inode) {
+            ++it;
+            continue;
+        }
+        if (const auto there = m_folders.constFind(to); there != m_folders.cend()) {
+            if (there->inode == it->inode) {
+                it = m_carried.erase(it);
+                continue;
+            }
+            removeFolder(to);
+        }
+        m_byDescriptor.insert(it->descriptor, to);
+        m_folders.insert(to, std::move(*it));
+        it = m_carried.erase(it);
+    }
+    for (const QString &folder : std::as_const(lost)) {
+        // Given up by one tree and taken by another: what is known of it stays.
+        if (!m_wanted.contains(folder))
+            removeFolder(folder);
+    }
+    // What was known of folders whose watches are put again.
+    QHash<QString, Folder> known = std::exchange(m_carried, {});
     if (!changedFolders.isEmpty()) {
         // A folder replaced by another under the same name needs a watch of its own, and so does
         // one whose watch ended when it moved.
@@ -361,15 +342,22 @@ void HXFileMonitor::updateWatches(const QStringList &changedFolders) {
             const Folder &state = m_folders.value(folder);
             if (!identity.exists || identity.inode != state.inode ||
                 (state.descriptor < 0 && m_inotify >= 0)) {
-                removeFolder(folder);
-                if (m_wanted.contains(folder))
-                    gained.append(folder);
+                Folder previous = removeFolder(folder);
+                if (!m_wanted.contains(folder))
+                    continue;
+                known.insert(folder, std::move(previous));
+                gained.append(folder);
             }
         }
     }
+    const Folder nothing;
     for (const QString &folder : std::as_const(gained)) {
-        if (!m_folders.contains(folder) && QFileInfo(folder).isDir())
-            addFolder(folder);
+        if (m_folders.contains(folder) || !QFileInfo(folder).isDir())
+            continue;
+        if (const auto previous = known.constFind(folder); previous != known.cend())
+            addFolder(folder, &*previous);
+        else
+            addFolder(folder, compared.contains(folder) ? &nothing : nullptr);
     }
     rememberPresentedItems();
     if (!m_deferredPackages.isEmpty() && !m_deferredScheduled) {
@@ -384,8 +372,35 @@ void HXFileMonitor::updateWatches(const QStringList &changedFolders) {
     }
 }
 
-void HXFileMonitor::addFolder(const QString &path) {
-    forgetOwnWritesIn(path);
+bool HXFileMonitor::appearedInWatchedTree(const QString &folder,
+                                          const QSet<QString> &newTrees) const {
+    if (isWaitingForWatch(folder))
+        return false;
+    for (QString path = folder; path.size() > 1; path = parentPath(path)) {
+        if (path != folder && m_trees.contains(path) && !newTrees.contains(path))
+            return true;
+        // What lies below a hidden name is no part of the tree around it.
+        if (isHidden(path))
+            return false;
+    }
+    return false;
+}
+
+bool HXFileMonitor::isWaitingForWatch(const QString &folder) const {
+    if (m_deferredWaiting.isEmpty())
+        return false;
+    for (QString path = folder; path.size() > 1; path = parentPath(path)) {
+        if (m_deferredWaiting.contains(path))
+            return true;
+    }
+    return false;
+}
+
+void HXFileMonitor::addFolder(const QString &path, const Folder *known) {
+    // Taken as it is, the folder has nothing to tell apart from our own writes; compared, the
+    // names that differ settle against them.
+    if (!known)
+        forgetOwnWritesIn(path);
     Folder folder;
     folder.inode = HXFileIdentity::ofPath(path).inode;
     if (m_inotify >= 0 && (m_watchLimit < 0 || m_byDescriptor.size() < m_watchLimit)) {
@@ -403,34 +418,78 @@ void HXFileMonitor::addFolder(const QString &path) {
     }
     // Listed after the watch is in place, so nothing made in between goes unseen. A watched
     // folder's events say what changed, so its entries need only their names and kinds; a polled
-    // one is compared by times, so those are taken too.
+    // one is compared by times, and so is a file that was known before.
     const bool polled = folder.descriptor < 0;
+    QHash<QString, Entry> listed;
     if (DIR *directory = ::opendir(QFile::encodeName(path).constData())) {
         while (const dirent *item = ::readdir(directory)) {
             if (item->d_name[0] == '.')
                 continue;
             const QString name = QFile::decodeName(item->d_name);
-            if (polled || item->d_type == DT_UNKNOWN) {
+            const auto before =
+                known ? known->entries.constFind(name) : QHash<QString, Entry>::const_iterator();
+            const bool knownFile = known && before != known->entries.cend() &&
+                                   !before->isDirectory && item->d_type != DT_DIR;
+            if (polled || knownFile || item->d_type == DT_UNKNOWN) {
                 const HXFileIdentity identity = HXFileIdentity::ofPath(path + u'/' + name);
                 if (identity.exists)
-                    folder.entries.insert(name, polled ? entryOf(identity)
-                                                       : Entry{identity.inode, 0,
-                                                               identity.isDirectory});
+                    listed.insert(name, polled || knownFile
+                                            ? entryOf(identity)
+                                            : Entry{identity.inode, 0, identity.isDirectory});
             } else {
-                folder.entries.insert(name, Entry{item->d_ino, 0, item->d_type == DT_DIR});
+                listed.insert(name, Entry{item->d_ino, 0, item->d_type == DT_DIR});
             }
         }
         ::closedir(directory);
     }
+    if (!known) {
+        folder.entries = std::move(listed);
+        m_folders.insert(path, std::move(folder));
+        return;
+    }
+
+    // A name that differs keeps what was known of it (or stays unknown) until it settles. The
+    // watch may tell of it too, as it came after the watch: both settle as one.
+    auto differs = [&](const Entry &before, const Entry &now) {
+        if (before.inode != now.inode || before.isDirectory != now.isDirectory)
+            return true;
+        if (now.isDirectory)
+            return false; // what is inside has its own watch
+        if (before.changeTime)
+            return before.changeTime != now.changeTime;
+        // Listed without its times: the same file in the same folder, or one linked in from the
+        // folder that was here before.
+        return known->inode != folder.inode;
+    };
+    folder.entries = known->entries;
+    bool touched = false;
+    for (auto it = listed.cbegin(); it != listed.cend(); ++it) {
+        const auto before = known->entries.constFind(it.key());
+        if (before != known->entries.cend() && !differs(*before, *it)) {
+            folder.entries.insert(it.key(), *it);
+            continue;
+        }
+        m_touched.insert(path + u'/' + it.key());
+        touched = true;
+    }
+    for (auto it = known->entries.cbegin(); it != known->entries.cend(); ++it) {
+        if (!listed.contains(it.key())) {
+            m_touched.insert(path + u'/' + it.key());
+            touched = true;
+        }
+    }
     m_folders.insert(path, std::move(folder));
+    if (touched)
+        scheduleSettle();
 }
 
-void HXFileMonitor::removeFolder(const QString &path) {
-    const Folder folder = m_folders.take(path);
+HXFileMonitor::Folder HXFileMonitor::removeFolder(const QString &path) {
+    Folder folder = m_folders.take(path);
     if (folder.descriptor >= 0 && m_byDescriptor.value(folder.descriptor) == path) {
         ::inotify_rm_watch(m_inotify, folder.descriptor);
         m_byDescriptor.remove(folder.descriptor);
     }
+    return folder;
 }
 
 void HXFileMonitor::rememberPresentedItems() {
@@ -474,288 +533,4 @@ QString HXFileMonitor::movedLocationOfPresentedItem(const QString &path) {
     if (::fstat(fd, &status) != 0 || status.st_nlink == 0)
         return {};
     return moved;
-}
-
-// --- Events --------------------------------------------------------------------------------------
-
-void HXFileMonitor::readEvents() {
-    alignas(inotify_event) char buffer[64 * 1024];
-    for (;;) {
-        const ssize_t length = ::read(m_inotify, buffer, sizeof buffer);
-        if (length <= 0)
-            break;
-        for (ssize_t offset = 0; offset < length;) {
-            const auto *event = reinterpret_cast<const inotify_event *>(buffer + offset);
-            offset += sizeof(inotify_event) + event->len;
-            if (event->mask & IN_Q_OVERFLOW) {
-                m_rescanAll = true;
-                continue;
-            }
-            const auto folder = m_byDescriptor.constFind(event->wd);
-            if (folder == m_byDescriptor.cend())
-                continue;
-            const QString folderPath = *folder;
-            if (event->mask & (IN_IGNORED | IN_MOVE_SELF | IN_DELETE_SELF)) {
-                // The folder went; its name is reported by the folder above, and a folder that
-                // comes in its place gets a watch of its own when the events settle.
-                if (event->mask & IN_IGNORED || event->mask & IN_MOVE_SELF) {
-                    if (!(event->mask & IN_IGNORED))
-                        ::inotify_rm_watch(m_inotify, event->wd);
-                    m_byDescriptor.remove(event->wd);
-                    if (m_folders.contains(folderPath))
-                        m_folders[folderPath].descriptor = -1;
-                }
-                noteTouched(folderPath);
-                continue;
-            }
-            if (event->len == 0)
-                continue;
-            const QString path = folderPath + u'/' + QFile::decodeName(event->name);
-            if (event->mask & IN_MOVED_FROM)
-                m_movedFrom.insert(event->cookie, path);
-            if ((event->mask & IN_MOVED_TO) && m_movedFrom.contains(event->cookie)) {
-                const QString from = m_movedFrom.take(event->cookie);
-                if (!isHidden(from) && !isHidden(path))
-                    m_moves.append({from, path});
-            }
-            if (!isHidden(path))
-                noteTouched(path);
-        }
-    }
-    if (m_rescanAll)
-        scheduleSettle();
-}
-
-void HXFileMonitor::noteTouched(const QString &path) {
-    m_touched.insert(path);
-    scheduleSettle();
-}
-
-void HXFileMonitor::scheduleSettle() {
-    // Not restarted by later events: a change reaches its presenters at most one interval late.
-    if (!m_settling && !m_debounce->isActive())
-        m_debounce->start();
-}
-
-void HXFileMonitor::poll() {
-    const QStringList folders = m_folders.keys();
-    for (const QString &folder : folders) {
-        if (m_folders.value(folder).descriptor < 0)
-            rescan(folder);
-    }
-    if (!m_touched.isEmpty())
-        settle();
-}
-
-void HXFileMonitor::rescan(const QString &path) {
-    const auto found = m_folders.constFind(path);
-    if (found == m_folders.cend())
-        return;
-    const QHash<QString, Entry> known = found->entries;
-    QSet<QString> seen;
-    const QDir directory(path);
-    for (const QString &name :
-         directory.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)) {
-        seen.insert(name);
-        const HXFileIdentity identity = HXFileIdentity::ofPath(directory.filePath(name));
-        if (!known.contains(name) || known.value(name) != entryOf(identity))
-            m_touched.insert(directory.filePath(name));
-    }
-    for (auto it = known.cbegin(); it != known.cend(); ++it) {
-        if (!seen.contains(it.key()))
-            m_touched.insert(directory.filePath(it.key()));
-    }
-}
-
-bool HXFileMonitor::isOwnWrite(const QString &path, const HXFileIdentity &identity) {
-    OwnWrites &writes = ownWrites();
-    std::lock_guard lock(writes.mutex);
-    const qint64 now = QDateTime::currentMSecsSinceEpoch();
-    // The latest write that covers the path knows its state last.
-    OwnWrites::Write *latest = nullptr;
-    for (auto it = writes.byPath.begin(); it != writes.byPath.end(); ++it) {
-        if (it->expiry >= now && HXFileCoordinator::isAncestorOrSelf(it.key(), path) &&
-            (!latest || it->sequence > latest->sequence))
-            latest = &*it;
-    }
-    if (!latest)
-        return false;
-    const auto item = latest->items.find(path);
-    if (item == latest->items.end())
-        // Not there when the write ended, and still not there: a name the write used on the way.
-        return !identity.exists;
-    // A folder's times move with every entry made in it, by us as well: it is the same folder
-    // while it is the same inode.
-    const bool same = item->isDirectory && identity.isDirectory
-                          ? item->exists == identity.exists && item->inode == identity.inode
-                          : *item == identity;
-    if (same)
-        return true;
-    // Changed since by someone else: from now on the path's changes are not ours.
-    latest->items.erase(item);
-    return false;
-}
-
-// Forgets the writes whose events a settling has taken.
-void HXFileMonitor::forgetOwnWritesUpTo(quint64 sequence) {
-    OwnWrites &writes = ownWrites();
-    std::lock_guard lock(writes.mutex);
-    for (auto it = writes.byPath.begin(); it != writes.byPath.end();)
-        it = it->sequence <= sequence ? writes.byPath.erase(it) : std::next(it);
-}
-
-quint64 HXFileMonitor::lastOwnWriteSequence() {
-    OwnWrites &writes = ownWrites();
-    std::lock_guard lock(writes.mutex);
-    return writes.lastSequence;
-}
-
-// Whether a write of ours left the item there: then it counts as known even before the events of
-// that write have settled.
-bool HXFileMonitor::ownWriteLeftItem(const QString &path) {
-    OwnWrites &writes = ownWrites();
-    std::lock_guard lock(writes.mutex);
-    for (auto it = writes.byPath.cbegin(); it != writes.byPath.cend(); ++it) {
-        const auto item = it->items.constFind(path);
-        if (item != it->items.cend() && item->exists)
-            return true;
-    }
-    return false;
-}
-
-// Writes remembered for a folder that was not watched since can't be told from what others did
-// meanwhile.
-void HXFileMonitor::forgetOwnWritesIn(const QString &folder) {
-    OwnWrites &writes = ownWrites();
-    std::lock_guard lock(writes.mutex);
-    for (auto it = writes.byPath.begin(); it != writes.byPath.end();) {
-        if (HXFileCoordinator::isAncestorOrSelf(folder, it.key()))
-            it = writes.byPath.erase(it);
-        else
-            ++it;
-    }
-}
-
-void HXFileMonitor::settle() {
-    // The writes of ours that ended before this point caused events that are in the kernel's
-    // queue now: take them all, and those writes can be forgotten once they are settled.
-    const quint64 settledWrites = lastOwnWriteSequence();
-    m_settling = true;
-    if (m_inotify >= 0)
-        readEvents();
-    m_settling = false;
-    if (m_rescanAll) {
-        m_rescanAll = false;
-        m_moves.clear();
-        const QStringList folders = m_folders.keys();
-        for (const QString &folder : folders)
-            rescan(folder);
-    }
-    // A write of ours still under way settles when it is done.
-    for (const QString &path : std::as_const(m_touched)) {
-        if (HXFileCoordinator::isBeingWritten(path)) {
-            m_debounce->start();
-            return;
-        }
-    }
-
-    struct Settled {
-        HXFileCoordinator::Change change;
-        QString path;
-        QString newPath;
-    };
-    QList<Settled> changes;
-    auto knownEntry = [&](const QString &path, Entry *entry) {
-        const auto folder = m_folders.constFind(QFileInfo(path).absolutePath());
-        if (folder == m_folders.cend())
-            return false;
-        const auto found = folder->entries.constFind(QFileInfo(path).fileName());
-        if (found == folder->entries.cend())
-            return false;
-        if (entry)
-            *entry = *found;
-        return true;
-    };
-    auto record = [&](const QString &path, const HXFileIdentity &identity) {
-        auto folder = m_folders.find(QFileInfo(path).absolutePath());
-        if (folder == m_folders.end())
-            return;
-        if (identity.exists)
-            folder->entries.insert(QFileInfo(path).fileName(), entryOf(identity));
-        else
-            folder->entries.remove(QFileInfo(path).fileName());
-    };
-
-    QSet<QString> touched = m_touched;
-    m_touched.clear();
-    const QList<QPair<QString, QString>> moves = m_moves;
-    m_moves.clear();
-    m_movedFrom.clear();
-    QStringList changedFolders;
-
-    for (const auto &[from, to] : moves) {
-        const HXFileIdentity source = HXFileIdentity::ofPath(from);
-        const HXFileIdentity target = HXFileIdentity::ofPath(to);
-        // A name made and renamed within one settling is no move; neither is a move whose
-        // source came back: both settle below as plain changes.
-        if (source.exists || !target.exists || !knownEntry(from, nullptr))
-            continue;
-        touched.remove(from);
-        touched.remove(to);
-        record(from, source);
-        record(to, target);
-        if (target.isDirectory)
-            changedFolders << from << to;
-        if (isOwnWrite(from, source) && isOwnWrite(to, target))
-            continue;
-        changes.append({HXFileCoordinator::Change::Moved, from, to});
-    }
-    QStringList paths(touched.cbegin(), touched.cend());
-    paths.sort();
-    for (const QString &path : std::as_const(paths)) {
-        const HXFileIdentity identity = HXFileIdentity::ofPath(path);
-        Entry known;
-        const bool wasKnown = knownEntry(path, &known) || ownWriteLeftItem(path);
-        record(path, identity);
-        if (identity.isDirectory || (wasKnown && known.isDirectory))
-            changedFolders << path;
-        if (isOwnWrite(path, identity))
-            continue;
-        if (identity.exists && wasKnown) {
-            changes.append({HXFileCoordinator::Change::Changed, path, {}});
-        } else if (identity.exists) {
-            changes.append({HXFileCoordinator::Change::Appeared, path, {}});
-        } else if (wasKnown) {
-            const QString moved = movedLocationOfPresentedItem(path);
-            if (!moved.isEmpty())
-                changes.append({HXFileCoordinator::Change::Moved, path, moved});
-            else
-                changes.append({HXFileCoordinator::Change::Deleted, path, {}});
-        }
-    }
-
-    // What happened inside an item that went away is part of its going.
-    QStringList gone;
-    for (const Settled &settled : std::as_const(changes)) {
-        if (settled.change == HXFileCoordinator::Change::Deleted ||
-            settled.change == HXFileCoordinator::Change::Moved)
-            gone.append(settled.path);
-    }
-    changes.removeIf([&](const Settled &settled) {
-        return std::any_of(gone.cbegin(), gone.cend(), [&](const QString &path) {
-            return path != settled.path && HXFileCoordinator::isAncestorOrSelf(path, settled.path);
-        });
-    });
-    QSet<QString> sent;
-    for (const Settled &settled : std::as_const(changes)) {
-        if (settled.change == HXFileCoordinator::Change::Moved)
-            HXFileCoordinator::rebasePresenters(settled.path, settled.newPath);
-        HXFileCoordinator::announceChange(settled.change, settled.path, settled.newPath, nullptr,
-                                          false, &sent);
-    }
-    if (!changedFolders.isEmpty() || !changes.isEmpty())
-        updateWatches(changedFolders);
-    else
-        rememberPresentedItems(); // a presented item replaced by our own save is a new inode
-    forgetOwnWritesUpTo(settledWrites);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Utilities/HXFileCoordinator.h"
 #include "Utilities/HXFileSystem.h"
 
 #include <QHash>
@@ -18,8 +19,11 @@ class QSocketNotifier;
 // while and then settled against the disk: a name that is there and was known has changed, one
 // that is new appeared, one that is gone was deleted, and a pair of events with one cookie is a
 // move. So a package replaced in one step by an exchange is one change, not a deletion and an
-// appearance. Hidden names are never reported. When the kernel's queue overflows, every folder
-// is listed again; when no more watches can be had, the folders without one are polled.
+// appearance. A folder that is watched only after the tree around it was (it appeared, moved, or
+// its watch had to be put again) is compared with what was known of it, so nothing done in it
+// before its watch is lost. Hidden names are never reported. When the kernel's queue overflows,
+// every folder is listed again; when no more watches can be had, the folders without one are
+// polled.
 //
 // Changes made by coordinated writes of this process are known from what the writer noted as its
 // own (the state of the written items when the write ended): those presenters were told by the
@@ -62,6 +66,11 @@ private:
         ino_t inode = 0;
         QHash<QString, Entry> entries;
     };
+    struct Settled {
+        HXFileCoordinator::Change change;
+        QString path;
+        QString newPath;
+    };
 
     HXFileMonitor() = default;
     static Entry entryOf(const HXFileIdentity &identity);
@@ -73,12 +82,22 @@ private:
     static void addSubtree(const QString &root, QSet<QString> &folders,
                            QStringList *packages = nullptr);
     void watchDeferredPackages();
-    void addFolder(const QString &path);
-    void removeFolder(const QString &path);
+    // Whether a folder new to the watches lies in a tree that was watched before it came, so
+    // that it appeared since (a package still waiting for its watch aside).
+    bool appearedInWatchedTree(const QString &folder, const QSet<QString> &newTrees) const;
+    // Whether the folder is, or is inside, a package still waiting for its watch.
+    bool isWaitingForWatch(const QString &folder) const;
+    // With `known`, what the folder holds now is compared with it and every name that differs is
+    // touched; without, the folder's entries are taken as they are.
+    void addFolder(const QString &path, const Folder *known = nullptr);
+    Folder removeFolder(const QString &path);
     void readEvents();
     void noteTouched(const QString &path);
     void scheduleSettle();
     void settle();
+    // Settles the touched paths and the moves into changes; returns the folders among them.
+    QStringList settleTouched(QList<Settled> &changes);
+    bool isAnyTouchedBeingWritten() const;
     void poll();
     // Lists a folder afresh; touches every name whose state differs from what was known.
     void rescan(const QString &path);
@@ -105,7 +124,11 @@ private:
     // Packages inside newly presented folders, watched a batch at a time once the presenter is
     // in place: (presented path, package).
     QList<QPair<QString, QString>> m_deferredPackages;
+    // How often each of those packages is waiting.
+    QHash<QString, int> m_deferredWaiting;
     bool m_deferredScheduled = false;
+    // Folders that moved, watches and all, by their new paths, until the watches follow them.
+    QHash<QString, Folder> m_carried;
     QHash<int, QString> m_byDescriptor;
     QSet<QString> m_touched;
     QHash<quint32, QString> m_movedFrom;

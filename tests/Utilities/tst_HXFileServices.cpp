@@ -389,6 +389,41 @@ private slots:
         QCOMPARE(documentEvents, documentHears);
     }
 
+    // Another process at work in a folder before the monitor watches it: in one we have just
+    // made, or in one that took the place of a folder watched before. Nothing it did there is
+    // lost; what is inside a folder that appeared comes with it, and our own write stays unheard.
+    void foreignChangesBeforeWatch() {
+        const QString base = m_folder.path();
+        QDir().mkpath(base + u"/lib/kept"_s);
+        write(base + u"/lib/kept/a.txt"_s, "a");
+        write(base + u"/lib/kept/b.txt"_s, "b");
+        Presenting library(base + u"/lib"_s, base);
+        spin(20);
+        HXFileCoordinator coordinator;
+        for (int round = 0; round < 3; ++round) {
+            const QString group = u"lib/group%1"_s.arg(round), folder = base + u'/' + group;
+            coordinator.coordinateWritingItemAtURL(folder, 0, nullptr, [](const QString &path) {
+                QDir().mkdir(path);
+                HXFileSystem::writeFileAtomically("own", path + u"/Info.plist"_s, nullptr);
+            });
+            write(folder + u"/foreign.txt"_s, "x");
+            QVERIFY(QDir().mkdir(folder + u"/sub"_s));
+            write(folder + u"/sub/deep.txt"_s, "x");
+            QCOMPARE(
+                library.recorder->settled(),
+                (QStringList{u"appeared "_s + group, u"appeared "_s + group + u"/foreign.txt"_s,
+                             u"appeared "_s + group + u"/sub"_s}));
+        }
+
+        QVERIFY(QDir().rename(base + u"/lib/kept"_s, base + u"/.old"_s));
+        QVERIFY(QDir().mkdir(base + u"/lib/kept"_s));
+        write(base + u"/lib/kept/b.txt"_s, "b");
+        write(base + u"/lib/kept/c.txt"_s, "c");
+        QCOMPARE(library.recorder->settled(),
+                 (QStringList{u"appeared lib/kept/c.txt"_s, u"changed lib/kept"_s,
+                              u"changed lib/kept/b.txt"_s, u"deleted lib/kept/a.txt"_s}));
+    }
+
     // Events lost by the kernel (its queue overflowed) are found again by listing the folders.
     void overflowRescans() {
         const QString base = m_folder.path();
