@@ -26,9 +26,14 @@
 #include <QAction>
 #include <QApplication>
 #include <QImage>
+#include <QMessageBox>
 #include <QProcess>
 #include <QScrollBar>
 #include <QStyleFactory>
+
+#include <atomic>
+#include <csignal>
+#include <sys/resource.h>
 
 using namespace Qt::StringLiterals;
 
@@ -173,6 +178,47 @@ private slots:
         QVERIFY(kept);
         QTest::keyClicks(view, u"x"_s);
         QVERIFY(view->textStorage().string().contains(u'x'));
+    }
+
+    // A save that meets a full disk (here a file size limit) is told in the window, naming the
+    // sheet; the text stays in the editor and reaches the disk once there is room again.
+    void fullDiskWhileSaving() {
+        HXMainWindow *window = mainWindow();
+        const auto sheet = window->openSheetDocument();
+        const QString url = window->openSheetHandle()->URL();
+        const QString text = QString(20000, u'w').replace(u"wwww"_s, u"word "_s);
+        window->textView()->selectAll();
+        window->textView()->editor().insertText(text);
+
+        struct rlimit old {};
+        getrlimit(RLIMIT_FSIZE, &old);
+        const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit = old;
+        limit.rlim_cur = 16 * 1024;
+        QCOMPARE(setrlimit(RLIMIT_FSIZE, &limit), 0);
+        std::atomic<int> saved = -1;
+        sheet->autosaveWithCompletionHandler([&](bool success) { saved = success; });
+        QTRY_VERIFY(saved != -1);
+        setrlimit(RLIMIT_FSIZE, &old);
+        std::signal(SIGXFSZ, oldHandler);
+        QCOMPARE(saved.load(), 0);
+
+        const auto alert = [&]() -> QMessageBox * {
+            for (QMessageBox *box : window->findChildren<QMessageBox *>())
+                if (box->isVisible() && box->text().contains(QFileInfo(url).fileName()))
+                    return box;
+            return nullptr;
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(alert(), 5000);
+        alert()->close();
+        QCOMPARE(window->textView()->textStorage().string(), text);
+
+        saved = -1;
+        sheet->autosaveWithCompletionHandler([&](bool success) { saved = success; });
+        QTRY_COMPARE(saved.load(), 1);
+        QFile onDisk(url + u"/Text.txt"_s);
+        QVERIFY(onDisk.open(QIODevice::ReadOnly));
+        QCOMPARE(QString::fromUtf8(onDisk.readAll()), text);
     }
 
     // What a window keeps for the next start brings back the container, the sheet and the
