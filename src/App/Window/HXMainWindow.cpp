@@ -21,6 +21,7 @@
 #include <QCloseEvent>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QPointer>
 #include <QScrollBar>
 #include <QSplitter>
 #include <QVBoxLayout>
@@ -79,6 +80,11 @@ HXMainWindow::HXMainWindow(std::shared_ptr<HXStorageController> controller, QWid
                     openSheet(handle);
             });
     connect(m_textView, &HXTextView::textDidChange, m_statusLine, &HXStatusLine::noteTextDidChange);
+    // The open sheet trashed or deleted, here or by another process.
+    connect(m_sheetListModel, &QAbstractItemModel::rowsRemoved, this,
+            &HXMainWindow::followOpenSheet, Qt::QueuedConnection);
+    connect(m_sheetListModel, &QAbstractItemModel::modelReset, this, &HXMainWindow::followOpenSheet,
+            Qt::QueuedConnection);
     // The sheet's title and preview in the list follow its text once typing pauses.
     m_previewPause.setSingleShot(true);
     m_previewPause.setInterval(1000);
@@ -93,6 +99,8 @@ HXMainWindow::HXMainWindow(std::shared_ptr<HXStorageController> controller, QWid
 
 HXMainWindow::~HXMainWindow() {
     saveOpenSheetIfEdited();
+    if (m_sheet)
+        m_sheet->removePropertyObserver(this);
 }
 
 void HXMainWindow::buildMenus() {
@@ -211,19 +219,45 @@ bool HXMainWindow::openSheet(const std::shared_ptr<HXSheetHandle> &handle) {
     std::shared_ptr<HXSheet> sheet = handle ? handle->loadSheetIfNeeded() : nullptr;
     if (handle && !sheet) {
         const auto error = handle->lastReadError();
-        QMessageBox::warning(this, text("OpenFailedTitle"),
-                             error ? error->localizedDescription()
-                                   : text("OpenFailedText").arg(handle->URL()));
+        // Not modal: a run without a screen must not wait for a click.
+        auto *box = new QMessageBox(QMessageBox::Warning, text("OpenFailedTitle"),
+                                    error ? error->localizedDescription()
+                                          : text("OpenFailedText").arg(handle->URL()),
+                                    QMessageBox::Ok, this);
+        box->setAttribute(Qt::WA_DeleteOnClose);
+        box->open();
         return false;
     }
+    if (m_sheet)
+        m_sheet->removePropertyObserver(this);
     m_sheetHandle = handle;
     m_sheet = sheet;
+    if (sheet) {
+        // The document hears first when another process deletes or replaces its package.
+        const QPointer<HXMainWindow> window(this);
+        sheet->addPropertyObserver(this, [window](HXDocument::Property property) {
+            if (property == HXDocument::Property::DocumentIsOpen)
+                QMetaObject::invokeMethod(window, &HXMainWindow::followOpenSheet,
+                                          Qt::QueuedConnection);
+        });
+    }
     m_textView->setContent(sheet ? sheet->text() : nullptr);
     // A sheet in the trash is read, not written.
     m_textView->setReadOnly(handle && !handle->isEditable());
     m_statusLine->setSheet(handle, sheet);
     emit sheetOpened();
     return true;
+}
+
+void HXMainWindow::followOpenSheet() {
+    if (!m_sheetHandle)
+        return;
+    if (!m_sheetHandle->isAlive() || (m_sheet && !m_sheet->documentIsOpen())) {
+        // Deleted: nothing typed now could be kept.
+        openSheet(nullptr);
+        return;
+    }
+    m_textView->setReadOnly(!m_sheetHandle->isEditable());
 }
 
 void HXMainWindow::saveOpenSheetIfEdited() {

@@ -69,6 +69,8 @@ protected:
 private:
     void buildMenus();
     void saveOpenSheetIfEdited();
+    // The open sheet went to the trash (read-only from then on) or was deleted (closed).
+    void followOpenSheet();
 
     std::shared_ptr<HXStorageController> m_controller;
     HXLibraryModel *m_libraryModel = nullptr;

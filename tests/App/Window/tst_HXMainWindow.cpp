@@ -253,6 +253,29 @@ private slots:
         QCOMPARE(saved.size(), 1);
         QCOMPARE(saved.first().toMap().value(u"sheet"_s), state.value(u"sheet"_s));
     }
+
+    // The open sheet moved to the trash from the list is read from then on; deleted by another
+    // process, it leaves the editor.
+    void openSheetTrashedOrDeleted() {
+        HXMainWindow *window = mainWindow();
+        const auto handle = window->openSheetHandle();
+        window->sheetList()->setCurrentIndex(window->sheetListModel()->indexForSheetHandle(handle));
+        window->sheetList()->trashSelectedSheets();
+        QTRY_VERIFY(window->textView()->isReadOnly());
+        QCOMPARE(window->openSheetHandle(), handle);
+        QTest::keyClicks(window->textView(), u"lost?"_s);
+        QVERIFY(!window->textView()->textStorage().string().contains(u"lost?"_s));
+
+        QProcess cli;
+        cli.start(QStringLiteral(VELMORA_CLI),
+                  {u"library"_s, u"delete"_s,
+                   HXStorageController::sharedInstance()->localLibrary()->baseURL(),
+                   QFileInfo(handle->URL()).fileName()});
+        QVERIFY(cli.waitForFinished(10000));
+        QVERIFY2(cli.exitCode() == 0, cli.readAllStandardError().constData());
+        QTRY_VERIFY_WITH_TIMEOUT(!window->openSheetHandle(), 10000);
+        QVERIFY(!window->textView()->content());
+    }
 };
 
 int main(int argc, char *argv[]) {
