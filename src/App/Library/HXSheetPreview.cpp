@@ -20,9 +20,21 @@ QString cut(const QString &text, qsizetype length) {
 
 } // namespace
 
+namespace {
+
+// The start of a sheet's text, from an immutable copy taken under its lock: the copy is cheap,
+// and only the prefix becomes a flat string, however long the sheet.
+QString prefixOfSheet(const HXSheet &sheet) {
+    const auto text = sheet.text()->copy();
+    return text->flatSubstringWithRange(
+        HXRange{0, std::min<quint64>(text->length(), HXSheetPreview::prefixLength)});
+}
+
+} // namespace
+
 QString HXSheetPreview::readContentPrefix(const std::shared_ptr<HXSheetHandle> &handle) {
     if (const auto sheet = handle->sheet())
-        return sheet->text()->string().left(prefixLength);
+        return prefixOfSheet(*sheet);
     const QString url = handle->URL();
     if (url.isEmpty())
         return QString();
@@ -41,7 +53,7 @@ QString HXSheetPreview::readContentPrefix(const std::shared_ptr<HXSheetHandle> &
     });
     if (!read) {
         if (const auto sheet = handle->loadSheetForReading())
-            text = sheet->text()->string();
+            text = prefixOfSheet(*sheet);
     }
     text.replace(QStringLiteral("\r\n"), QStringLiteral("\n"));
     text.replace(u'\r', u'\n');
